@@ -1,0 +1,258 @@
+#include "lib/timeop.h"
+
+#include "lib/check.h"
+
+#include <cinttypes>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+static constexpr long NSEC_PER_SEC = 1'000'000'000;
+
+static timeop_reporter g_reporter = nullptr;
+static const timespec *g_loop_clock = nullptr;
+
+void timeop_set_reporter(timeop_reporter fn) {
+    g_reporter = fn;
+}
+
+void timeop_set_loop_clock(const timespec *now) {
+    g_loop_clock = now;
+}
+
+static void report(const char *message) {
+    if (g_reporter)
+        g_reporter(message);
+    else
+        fputs(message, stderr);
+}
+
+void set_clk_now(timespec *ts, clockid_t clock) {
+    if (clock_gettime(clock, ts) != 0) {
+        perror("clock_gettime");
+        abort();
+    }
+}
+
+void set_real_now(timespec *ts) {
+    set_clk_now(ts, CLOCK_REALTIME);
+}
+
+bool timed_out_as(const timespec &start, const timespec &span, bool real, const timespec *now) {
+    timespec current;
+    if (now) {
+        current = *now;
+    } else if (real) {
+        set_real_now(&current);
+    } else if (g_loop_clock) {
+        current = *g_loop_clock;
+    } else {
+        set_clk_now(&current, CLOCK_MONOTONIC);
+    }
+    time_t sec = start.tv_sec + span.tv_sec;
+    long nsec = start.tv_nsec + span.tv_nsec;
+    if (nsec >= NSEC_PER_SEC) {
+        nsec -= NSEC_PER_SEC;
+        ++sec;
+    }
+    return current.tv_sec != sec ? current.tv_sec > sec : current.tv_nsec > nsec;
+}
+
+bool timed_out(const timespec &start, const timespec &span) {
+    return timed_out_as(start, span, false, nullptr);
+}
+
+bool timed_out_ext(const timespec &start, const timespec &span, const timespec &now) {
+    return timed_out_as(start, span, false, &now);
+}
+
+bool timed_out_real(const timespec &start, const timespec &span) {
+    return timed_out_as(start, span, true, nullptr);
+}
+
+// Broken-down time of the last second asked for: a busy log asks for the same second again and again.
+struct tm_cache {
+    bool is_valid = false;
+    bool is_gmt = false;
+    time_t sec = 0;
+    tm parts{};
+    char zone[16] = "";
+};
+
+static const tm_cache *break_down(time_t sec, bool is_gmt) {
+    static tm_cache cache;
+    if (cache.is_valid && cache.sec == sec && cache.is_gmt == is_gmt)
+        return &cache;
+    cache.is_valid = false;
+    if (!(is_gmt ? gmtime_r(&sec, &cache.parts) : localtime_r(&sec, &cache.parts)))
+        return nullptr;
+    get_timezone(sec, cache.zone, sizeof(cache.zone));
+    cache.sec = sec;
+    cache.is_gmt = is_gmt;
+    cache.is_valid = true;
+    return &cache;
+}
+
+static int print_date(const tm_cache &at, long nsec, uint32_t flags, char *buf, size_t size) {
+    const tm &p = at.parts;
+    char usec[32] = "";
+    if (!(flags & TF_NO_USEC))
+        snprintf(usec, sizeof(usec), ".%06ld", nsec / 1000);
+    int n = snprintf(buf, size, "%04d-%02d-%02d %02d:%02d:%02d%s%s", p.tm_year + 1900, p.tm_mon + 1,
+                     p.tm_mday, p.tm_hour, p.tm_min, p.tm_sec, usec, at.zone);
+    if (n < 0 || static_cast<size_t>(n) >= size) {
+        fprintf(stderr, "%s: timestamp buffer needs %d bytes, only %ld provided\n", "mk_timestr", n,
+                static_cast<long>(size));
+        return -1;
+    }
+    return n;
+}
+
+int mk_timestr(const timespec &ts, uint32_t flags, char *buf, size_t size) {
+    if (flags & TF_RAW) {
+        int n = snprintf(buf, size, "%ld.%06ld", static_cast<long>(ts.tv_sec), ts.tv_nsec / 1000);
+        return n > 0 && static_cast<size_t>(n) < size ? n : -1;
+    }
+    // The zone database is behind a lock in the C library: a signal handler must not wait for itself.
+    static volatile bool is_busy = false;
+    if (is_busy)
+        return -35;
+    is_busy = true;
+    int n = -1;
+    if (const tm_cache *at = break_down(ts.tv_sec, flags & TF_GMT))
+        n = print_date(*at, ts.tv_nsec, flags, buf, size);
+    else
+        perror("gmtime_r/localtime_r");
+    is_busy = false;
+    return n;
+}
+
+int scan_log_time(const char *text, uint32_t flags, timespec *ts) {
+    CHECK(text && ts);
+    long usec = 0;
+    int used = 0;
+    if (flags & TF_RAW) {
+        long sec = 0;
+        if (sscanf(text, "%ld.%06ld %n", &sec, &usec, &used) < 2 || used == 0)
+            return -1;
+        *ts = {.tv_sec = sec, .tv_nsec = usec * 1000};
+        return used;
+    }
+    tm p{};
+    bool has_usec = !(flags & TF_NO_USEC);
+    int used_date = 0;
+    int fields = sscanf(text, "%04d-%02d-%02d %02d:%02d:%02d%n", &p.tm_year, &p.tm_mon, &p.tm_mday,
+                        &p.tm_hour, &p.tm_min, &p.tm_sec, &used_date);
+    if (fields < 6)
+        return -1;
+    if (has_usec && sscanf(text + used_date, ".%06ld %n", &usec, &used) < 1)
+        return -1;
+    if (!has_usec && text[used_date] == ' ')
+        used = 1;
+    if (used == 0)
+        return -1;
+    used += used_date;
+    p.tm_year -= 1900;
+    p.tm_mon -= 1;
+    p.tm_isdst = -1;
+    time_t sec = flags & TF_GMT ? timegm(&p) : mktime(&p);
+    if (sec == -1) {
+        char message[128];
+        snprintf(message, sizeof(message), "%s: cannot make time from [%.64s]\n", __func__, text);
+        report(message);
+        return -1;
+    }
+    *ts = {.tv_sec = sec, .tv_nsec = usec * 1000};
+    return used;
+}
+
+time_t get_endofday_utime(time_t t) {
+    tm p{};
+    if (!localtime_r(&t, &p)) {
+        char message[64];
+        snprintf(message, sizeof(message), "%s: localtime_r() FAILED\n", __func__);
+        report(message);
+        return -1;
+    }
+    p.tm_hour = 23;
+    p.tm_min = 59;
+    p.tm_sec = 59;
+    p.tm_isdst = -1;
+    return mktime(&p);
+}
+
+int mk_gmt_date(time_t t, char *buf, size_t size) {
+    tm p{};
+    if (!gmtime_r(&t, &p)) {
+        perror("gmtime_r/localtime_r");
+        return -1;
+    }
+    int n = snprintf(buf, size, "%04d-%02d-%02d", p.tm_year + 1900, p.tm_mon + 1, p.tm_mday);
+    if (n < 0 || static_cast<size_t>(n) >= size) {
+        char message[128];
+        snprintf(message, sizeof(message), "%s: timestamp buffer needs %d bytes, only %ld provided\n",
+                 __func__, n, static_cast<long>(size));
+        report(message);
+        return -1;
+    }
+    return 0;
+}
+
+const char *get_timezone(time_t t, char *buf, size_t size) {
+    tm p{};
+    if (localtime_r(&t, &p) && p.tm_zone)
+        snprintf(buf, size, " %s", p.tm_zone);
+    else
+        snprintf(buf, size, "%s", "#ERR#");
+    return buf;
+}
+
+void ms2timespec(int64_t ms, timespec *ts) {
+    if (ms < 0)
+        *ts = {.tv_sec = -1, .tv_nsec = 0};
+    else
+        *ts = {.tv_sec = ms / 1000, .tv_nsec = (ms % 1000) * 1'000'000};
+}
+
+void cpy_timespec(const timespec *from, timespec *to) {
+    *to = *from;
+}
+
+void calc_timespan(const timespec &a, const timespec &b, timespec *out) {
+    out->tv_sec = b.tv_sec - a.tv_sec;
+    out->tv_nsec = b.tv_nsec - a.tv_nsec;
+    if (out->tv_nsec < 0) {
+        out->tv_nsec += NSEC_PER_SEC;
+        --out->tv_sec;
+    }
+}
+
+int mk_timespan(long seconds, char *buf, size_t size) {
+    long days = seconds / 86400;
+    long rest = seconds % 86400;
+    int n = 0;
+    if (days > 0) {
+        n = snprintf(buf, size, "%02ldd ", days);
+        if (n < 0 || static_cast<size_t>(n) >= size)
+            return n;
+    }
+    return n + snprintf(buf + n, size - static_cast<size_t>(n), "%02ldh:%02ldm:%02lds", rest / 3600,
+                        rest % 3600 / 60, rest % 60);
+}
+
+void set_tspan(tspan *span, uint32_t mode, uint32_t value) {
+    CHECK(mode == TSPAN_TIME || mode == TSPAN_COUNT);
+    span->mode = mode;
+    if (mode == TSPAN_TIME)
+        ms2timespec(value, &span->time);
+    else
+        span->count = value;
+}
+
+bool tspan_timed_out(const tspan &start, const tspan &span, const tspan &now) {
+    CHECK(start.mode == span.mode && now.mode == span.mode);
+    if (span.mode == TSPAN_TIME)
+        return timed_out_ext(start.time, span.time, now.time);
+    return start.count == 0 || now.count - start.count >= span.count;
+}
