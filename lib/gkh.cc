@@ -45,12 +45,12 @@ struct ht_tag {
     hash_fn icalc;
 };
 
-static int text_kcmp(const hrec *rec, hkey key) {
+static inline int text_kcmp(const hrec *rec, hkey key) {
     return strcmp(reinterpret_cast<const text_hrec *>(rec)->key, key.text);
 }
 
 // Compares by the low 32 bits of the difference: keys a multiple of 2^32 apart count as equal.
-static int num_kcmp(const hrec *rec, hkey key) {
+static inline int num_kcmp(const hrec *rec, hkey key) {
     return static_cast<int32_t>(
         static_cast<uint32_t>(reinterpret_cast<const num_hrec *>(rec)->key - key.num));
 }

@@ -47,7 +47,8 @@ ssize_t lard_printf(lard_t ring, const char *format, ...) __attribute__((format(
 // Writes the kept bytes to `fd` in chronological order with one gathered write; the write's result.
 ssize_t lard_snapshot(lard_t ring, int fd);
 
-// Pushes one severity value into the sensors; the sum of the last 64 is the ring's temperature.
+// Pushes one severity value into the sensors; the sum of the last 64 is the ring's temperature. Values
+// outside 0..INT_MAX/64 are brought to the nearer end.
 void lard_set_temp(lard_t ring, int value);
 int lard_get_ctemp(lard_t ring);
 
@@ -56,8 +57,18 @@ pid_t lard_owner_pid(lard_t ring);
 bool lard_is_active(lard_t ring);
 // The shared record, for readers that watch the ring grow.
 const lard_meta *lard_get_meta(lard_t ring);
-// The data buffer, `*len` bytes of it.
+// The data buffer, `*len` bytes of it; the same bytes are mapped once more right behind, so that whatever
+// starts in the buffer reads straight on past its end.
 const char *lard_get_data(lard_t ring, size_t *len);
+
+// What is kept at this moment, checked against the buffer's length whatever the shared record says: `len`
+// bytes from offset `start`. When `len` is the buffer's length the ring has wrapped, and the terminating zero
+// of the newest record may stand in place of the oldest byte.
+struct lard_span {
+    size_t start;
+    size_t len;
+};
+lard_span lard_kept(lard_t ring);
 
 // Unmap, close the descriptors, free the handle; the owner marks the ring closed first. The objects stay
 // for readers until the next owner replaces them. Null is accepted.

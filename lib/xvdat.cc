@@ -245,6 +245,12 @@ int xvlst_del(xvlst *l, size_t index, xv_fn fn) {
     return slot_release(slots_of(l), index, l->data, fn);
 }
 
+// Asked anew in each round: the callback may free slots, grow the list or reset it. A first growth that ran
+// out of memory half-way leaves elements without taken bytes.
+static bool within(const xvlst *l, size_t i) {
+    return l->data && l->taken && i <= l->last;
+}
+
 int xvlst_each(xvlst *l, xv_fn f, size_t *stop) {
     CHECK(l && f);
     return xvlst_each_aux(l, &f, call_plain, stop);
@@ -253,8 +259,7 @@ int xvlst_each(xvlst *l, xv_fn f, size_t *stop) {
 int xvlst_each_aux(xvlst *l, void *arg, xv_aux_fn f, size_t *stop) {
     CHECK(l && f);
     int rc = 0;
-    // Everything is read anew in each round: the callback may free slots, grow the list or reset it.
-    for (size_t i = 0; l->data && i <= l->last; ++i) {
+    for (size_t i = 0; within(l, i); ++i) {
         if (!l->taken[i])
             continue;
         rc = f(l->data, i, arg);
@@ -269,7 +274,7 @@ int xvlst_each_aux(xvlst *l, void *arg, xv_aux_fn f, size_t *stop) {
 int xvlst_rmif(xvlst *l, void *ctx, xv_aux_fn match, size_t *bad) {
     CHECK(l && match);
     int n = 0;
-    for (size_t i = 0; l->data && i <= l->last; ++i) {
+    for (size_t i = 0; within(l, i); ++i) {
         if (!l->taken[i] || !match(l->data, i, ctx))
             continue;
         if (xvlst_del(l, i, nullptr)) {

@@ -31,7 +31,8 @@ struct xvec {
 
 // Uses the caller's buffer, zeroed, which must outlive the vector; it never grows. 0 or -1.
 int xvec_bind(xvec *v, void *buf, size_t bufsize, size_t elemsize);
-// Room for more than `count` elements, in steps of `growblk`; new elements are zeroed. 0, -1 or -11.
+// Room for `count` elements, in steps of `growblk`; one with a single element to spare is reallocated all the
+// same. New elements are zeroed. 0, -1 or -11.
 int xvec_reserve(xvec *v, size_t count, size_t elemsize, size_t growblk);
 // Room for `plus` more elements.
 int xvec_expand(xvec *v, size_t plus, size_t elemsize, size_t growblk);

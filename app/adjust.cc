@@ -1,0 +1,120 @@
+#include "app/adjust.h"
+
+#include "app/pl_event.h"
+#include "app/pl_file.h"
+#include "app/task.h"
+#include "lib/check.h"
+#include "lib/log.h"
+
+LOG_UNIT(LOG_MOD_APP);
+
+bool must_advance_ifirst(const pl_task *task) {
+    const pl_source *src = task->src;
+    bool must = false;
+    bool is_decided = false;
+    if (task->start_time > 0) {
+        must = task->ifirst == oldest_item(src);
+        if (must)
+            LOG_FN(LL_DEBUG, "%s%u reached TOP-SHIFT point\n", task->tag.sym, task->tseq);
+        LOG_FN(LL_DEBUG, "src[%s] %s%u utime=%ld itail(%zu), stail(%zu) peer[%s]\n", src->nametag,
+               task->tag.sym, task->tseq, task->start_time, task->ifirst->mseq, oldest_item(src)->mseq,
+               task->peer_tag ? task->peer_tag : "");
+        is_decided = !task->peer_tag;
+    }
+    if (!is_decided) {
+        size_t d = task->ilast->mseq - task->ifirst->mseq + 1;
+        must = d > g_cfg.max_live_items;
+        LOG_FN(LL_DEBUG, "%s%u %zu..%zu (d=%zu max=%zu)\n", task->tag.sym, task->tseq, task->ifirst->mseq,
+               task->ilast->mseq, d, g_cfg.max_live_items);
+    }
+    LOG_FN(LL_DEBUG, "%s%u %s\n", task->tag.sym, task->tseq, must ? "ADVANCE" : "skip");
+    return must;
+}
+
+int adjust_task_rec(void *tasks, size_t i, void *must_trim) {
+    return adjust_task(static_cast<pl_task *>(tasks) + i, *static_cast<const bool *>(must_trim));
+}
+
+static void advance_ifirst(pl_task *task) {
+    pl_item *next = newer_item(task->ifirst);
+    if (!next)
+        return;
+    item_reach &reach = task->reach;
+    if (reach.first == task->ifirst && reach.last != task->ifirst) {
+        reach.first = next;
+        reach.sec -= next->duration;
+    }
+    task->ifirst = next;
+    LOG(LL_DEBUG, "%s: advancing ifirst to mseq=%zu\n", "adjust_task", next->mseq);
+}
+
+static void move_window(pl_task *task, bool must_trim, bool is_pseudo_live, bool is_end_reachable) {
+    // A window never begins on the item that is about to go.
+    if (must_advance_ifirst(task) || (must_trim && task->ifirst == oldest_item(task->src)))
+        advance_ifirst(task);
+    if (is_pseudo_live && is_end_reachable) {
+        LOG(LL_DEBUG, "%s: shift-to EOT duration=%ld\n", "adjust_task", task->duration);
+        task->ilast = reach_end(task);
+    }
+    LOG(LL_DEBUG, "%s: %s%u %s/%s [%s] is mseq=%zu..%zu now\n", "adjust_task", task->tag.sym, task->tseq,
+        task->src->nametag, task->tag.sym, is_pseudo_live ? "pseudo-live" : "", task->ifirst->mseq,
+        task->ilast->mseq);
+}
+
+static void let_go_of_items(pl_task *task) {
+    task->ifirst = nullptr;
+    task->ilast = nullptr;
+    task->reach = {};
+}
+
+// A finished task keeps its file, but not the items that go.
+static void pass_over_finished(pl_task *task, bool must_trim) {
+    LOG(LL_DEBUG, "%s: %s%u is EOT, skipping\n", "adjust_task", task->tag.sym, task->tseq);
+    const pl_item *oldest = oldest_item(task->src);
+    if (must_trim && (task->ifirst == oldest || task->ilast == oldest))
+        let_go_of_items(task);
+}
+
+static void detach_vod(pl_task *task) {
+    bool is_shared = task->src->vod_idx == task->idx;
+    if (is_shared)
+        task->src->vod_idx = -1;
+    LOG(LL_DEBUG, "%s: %s%u %s\n", "adjust_task", task->tag.sym, task->tseq,
+        is_shared ? "detached" : "ignored");
+}
+
+int adjust_task(pl_task *task, bool must_trim) {
+    if (task->pprm_idx >= 0)
+        return 0; // it goes at the end of the pass and has no window any more
+    if (task->is_eot) {
+        pass_over_finished(task, must_trim);
+        return 0;
+    }
+    pl_source *src = task->src;
+    CHECK(newest_item(src) && task->ifirst && task->ilast);
+    bool is_vod = task->tag.num == PL_VOD;
+    bool is_pseudo_live = task->tag.num == PL_EVE && task->is_live;
+    bool is_moving = task->tag.num == PL_LIV || is_pseudo_live;
+    if (!is_vod)
+        task->ilast = newest_item(src);
+    if (is_moving)
+        move_window(task, must_trim, is_pseudo_live,
+                    task->end_time > 0 && is_eot_reachable(src, task->end_time));
+    if (is_vod) {
+        detach_vod(task);
+    } else {
+        task->must_sync_playlist = true;
+        LOG_FN(LL_DEBUG, "[%s] must sync\n", task->tag.sym);
+    }
+    // Only a moving window over the last item left still begins there.
+    if (must_trim && task->ifirst == oldest_item(src)) {
+        LOG_FN(LL_WARN, "(%s) t%u references tail (m%zu), must RETIRE\n", task->tag.sym, task->tseq,
+               task->ifirst->mseq);
+        let_go_of_items(task);
+        return pprm_task(task);
+    }
+    // A playlist that cannot be written is told by its writer and tried again; the feed goes on.
+    if (!is_vod && g_cfg.refresh_pl_files)
+        mk_playlist(task);
+    return 0;
+}

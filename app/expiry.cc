@@ -1,0 +1,106 @@
+#include "app/expiry.h"
+
+#include "app/app.h"
+#include "app/task.h"
+#include "lib/check.h"
+#include "lib/log.h"
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <sys/stat.h>
+
+LOG_UNIT(LOG_MOD_APP);
+
+void time_out_requests() {
+    if (is_iocheck_time(&g_ctx.last_rq_check, g_cfg.urq_tmout_sec))
+        rui_tmout_all(&g_ctx.rui, g_cfg.urq_tmout_sec * 1000L);
+}
+
+void time_out_src_tasks() {
+    if (!is_iocheck_time(&g_ctx.last_task_check, g_cfg.lk_tmout_sec))
+        return;
+    int removed = xvlst_rmif(&g_ctx.sources, nullptr, src_expired, nullptr);
+    if (removed > 0)
+        LOG_FN(LL_INFO, "removed %d source(s)\n", removed);
+}
+
+bool is_empty_src(const pl_source *src) {
+    return src->tasks.len == 0;
+}
+
+static int list_task(void *tasks, size_t i) {
+    return pprm_task(static_cast<pl_task *>(tasks) + i);
+}
+
+static int check_task(void *tasks, size_t i) {
+    return task_xpire(static_cast<pl_task *>(tasks) + i);
+}
+
+int src_expired(void *sources, size_t i, void *) {
+    pl_source *src = static_cast<pl_source *>(sources) + i;
+    long idle = idle_clock() - src->last_item_tm;
+    long limit = src->tmout_sec != 0 ? src->tmout_sec : g_cfg.src_tmout_sec;
+    if (idle < limit) {
+        if (!is_empty_src(src)) {
+            LOG_FN(LL_DEBUG, "[%s] checking %zu tasks\n", src->nametag, src->tasks.len);
+            xvlst_each(&src->tasks, check_task, nullptr);
+        }
+        return 0;
+    }
+    LOG_FN(LL_WARN, "[%s] expired after %ld/%ld sec, %zu tasks\n", src->nametag, idle, limit, src->tasks.len);
+    if (is_empty_src(src)) {
+        destroy_src(src);
+        return 1;
+    }
+    LOG_FN(LL_DEBUG, "[%s] expiring %zu tasks\n", src->nametag, src->tasks.len);
+    xvlst_each(&src->tasks, list_task, nullptr);
+    return 0;
+}
+
+// When the consumer's side last showed a sign of life: the lock file's modification time, or for a task
+// whose files could not be written the time of its last answer. False when it cannot be told.
+static bool last_touch(const pl_task *task, time_t *touched) {
+    if (task->lkfd < 0) {
+        *touched = task->last_io_time;
+        return true;
+    }
+    CHECK(task->lkfd >= 0);
+    struct stat st;
+    if (fstat(task->lkfd, &st) != 0) {
+        LOG(LL_ERROR, "%s: [%s] fstat(fd%d,..) ERROR(%d): %s\n", "task_xpire", task->lpath, task->lkfd, errno,
+            strerror(errno));
+        return false;
+    }
+    *touched = st.st_mtime;
+    return true;
+}
+
+int task_xpire(pl_task *task) {
+    time_t now = time(nullptr);
+    time_t touched = 0;
+    if (!last_touch(task, &touched)) {
+        LOG_FN(LL_WARN, "will expire [%s%u] on I/O error\n", task->tag.sym, task->tseq);
+        return pprm_task(task);
+    }
+    // The wall clock may have been set back since: such a file counts as touched now.
+    if (touched > now)
+        touched = now;
+    task->last_io_time = touched;
+    long tdiff = now - touched;
+    CHECK(tdiff >= 0);
+    if (tdiff >= task->lk_tmout_sec) {
+        LOG(LL_WARN, "task [%s%u] expired after %ld >= %d sec: playlist=[%s]\n", task->tag.sym, task->tseq,
+            tdiff, task->lk_tmout_sec, task->fpath);
+        return pprm_task(task);
+    }
+    LOG_FN(LL_DEBUG, "task [%s%u] is alive, ltime=%ld tdiff=%ld lk_tmout=%d sec\n", task->tag.sym, task->tseq,
+           static_cast<long>(touched), tdiff, task->lk_tmout_sec);
+    return 0;
+}
+
+void pprm_requests() {
+    LOG_FN(LL_DEBUG, "BEGIN\n");
+    rui_pprm_all(&g_ctx.rui);
+    LOG_FN(LL_DEBUG, "END\n");
+}

@@ -1,0 +1,119 @@
+#include "app/feed.h"
+
+#include "app/backup.h"
+#include "app/item.h"
+#include "app/mdr.h"
+#include "app/task.h"
+#include "lib/check.h"
+#include "lib/log.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+#include <sys/socket.h>
+
+LOG_UNIT(LOG_MOD_APP);
+
+static constexpr size_t LINE_MAX_LEN = 255; // of one read, carried-over text included
+static constexpr size_t MAX_PARTIAL = 128;  // of an unterminated line with nothing before it
+
+// 0, or the failure that drops the rest of the read.
+static int process_line(pl_source *src, std::string_view line, int line_no) {
+    line = strip_tail(line);
+    LOG(LL_DEBUG, "%s: line %d: [%.*s]\n", "read_source", line_no, static_cast<int>(line.size()),
+        line.data());
+    item_data data;
+    std::string_view rest;
+    line_scan scan{.rest = line};
+    line_verdict verdict = scan_item(&scan, &data, &rest);
+    if (verdict != LINE_OK) {
+        LOG(LL_ERROR, "%s: invalid input, [%.*s] n=%d\n", "read_source", static_cast<int>(line.size()),
+            line.data(), scan.count);
+        return 0;
+    }
+    LOG(LL_DEBUG, "%s: %d fields scanned, rest=%.*s\n", "read_source", scan.count,
+        static_cast<int>(rest.size()), rest.data());
+    if (src->master)
+        LOG(LL_WARN, "%s: item must do the master src[%s]\n", "read_source", src->master->nametag);
+    int rc = add_seg(src->master ? src->master : src, &data);
+    if (rc != 0)
+        return rc;
+    // A reload may have turned reports on without a reporter, or off with one.
+    if (g_cfg.mdr.is_enabled && g_ctx.mdr)
+        mdr_send(g_ctx.mdr, data.path, seg_expiry_time(&src->param, data.start_tm));
+    src->last_item_tm = idle_clock();
+    return 0;
+}
+
+// A partial line belongs to its connection, which a defunct backup shares with its master.
+static char **partial_line(pl_source *src) {
+    return src->master ? &src->master->tail : &src->tail;
+}
+
+static void keep_partial(pl_source *src, std::string_view text) {
+    char **tail = partial_line(src);
+    free(*tail);
+    *tail = strndup(text.data(), text.size());
+}
+
+static int process_buffer(pl_source *src, std::string_view text) {
+    size_t last_lf = text.rfind('\n');
+    if (last_lf == std::string_view::npos) {
+        if (text.size() > MAX_PARTIAL) {
+            LOG(LL_ERROR, "%s: tail too big len=%zu bytes\n", "read_source", text.size());
+            return -1;
+        }
+        LOG(LL_WARN, "%s: got no lines, len=%zu bytes tail=[%.*s]\n", "read_source", text.size(),
+            static_cast<int>(text.size()), text.data());
+        keep_partial(src, text);
+        return 0;
+    }
+    int line_no = 0;
+    size_t at = 0;
+    while ((at = text.find_first_not_of("\r\n", at)) != std::string_view::npos) {
+        ++line_no;
+        if (at > last_lf) {
+            std::string_view partial = text.substr(at);
+            LOG(LL_DEBUG, "%s: tail at line %d: %zu bytes [%.*s]\n", "read_source", line_no, partial.size(),
+                static_cast<int>(partial.size()), partial.data());
+            keep_partial(src, partial);
+            break;
+        }
+        size_t end = text.find_first_of("\r\n", at);
+        int rc = process_line(src, text.substr(at, end - at), line_no);
+        if (rc != 0)
+            return rc;
+        at = end;
+    }
+    if (line_no == 0)
+        LOG(LL_DEBUG, "%s: empty input (%zd bytes)\n", "read_source", static_cast<ssize_t>(text.size()));
+    return 0;
+}
+
+int read_source(pl_source *src) {
+    char buf[LINE_MAX_LEN + 1];
+    size_t len = 0;
+    char **tail = partial_line(src);
+    if (*tail) {
+        len = strlen(*tail);
+        CHECK(len < LINE_MAX_LEN);
+        memcpy(buf, *tail, len);
+        LOG_FN(LL_DEBUG, "added %zu bytes of tail\n", len);
+    }
+    ssize_t n = recv(src->sockfd, buf + len, LINE_MAX_LEN - len, MSG_DONTWAIT);
+    if (n <= 0) {
+        int err = n < 0 ? errno : 0;
+        LOG_FN(LL_ERROR, "recv(fd%d, ..) ERROR(%d): %s\n", src->sockfd, err, strerror(err));
+        if (err == ECONNRESET || err == ECONNABORTED) {
+            LOG_FN(LL_WARN, "src[%s] DISCONNECTED\n", src->nametag);
+            suspend_source(src, err);
+        }
+        return 0;
+    }
+    free(*tail);
+    *tail = nullptr;
+    LOG_FN(LL_DEBUG, "%zd/%zu bytes read\n", n, LINE_MAX_LEN - len);
+    process_buffer(src, {buf, len + static_cast<size_t>(n)});
+    return 0;
+}

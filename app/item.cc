@@ -1,0 +1,230 @@
+#include "app/item.h"
+
+#include "app/adjust.h"
+#include "app/pl_event.h"
+#include "lib/check.h"
+#include "lib/log.h"
+#include "lib/syswrap.h"
+#include "lib/util.h"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+LOG_UNIT(LOG_MOD_APP);
+
+static constexpr size_t MAX_LINE_REST = 127; // free text at a line's end
+static constexpr double MIN_DURATION = 1.0;  // expected durations: [MIN, MAX)
+static constexpr double MAX_DURATION = 60.0;
+static constexpr char KEYWORD[] = "SEGMENT:";
+
+// --- the source line protocol ---
+
+static line_verdict refuse_path(std::string_view path, const char *why) {
+    LOG(LL_ERROR, "%s: segment path refused, %s: %zu bytes, max=%zu [%.*s]\n", "scan_item", why, path.size(),
+        MAX_ITEM_PATH - 1, static_cast<int>(path.size()), path.data());
+    return LINE_REFUSED;
+}
+
+line_verdict scan_item(line_scan *scan, item_data *data, std::string_view *rest) {
+    *data = {};
+    std::string_view keyword = scan_word(scan);
+    std::string_view path = scan_word(scan);
+    int64_t start_tm = 0;
+    int64_t fsize = 0;
+    if (scan_long(scan, &start_tm) && scan_float(scan, &data->duration) && scan_long(scan, &fsize) &&
+        scan_int(scan, &data->src_nid) && scan_long(scan, &data->ifrm1_pts))
+        *rest = scan_rest(scan, MAX_LINE_REST);
+    data->start_tm = start_tm;
+    data->fsize = fsize;
+    copy_cut(data->itype, sizeof(data->itype), keyword);
+    if (keyword != KEYWORD || path.empty())
+        return LINE_INVALID;
+    if (path.size() >= sizeof(data->path))
+        return refuse_path(path, "too long");
+    if (path.find('\0') != std::string_view::npos)
+        return refuse_path(path, "not a text");
+    if (has_dotdot(path))
+        return refuse_path(path, "it leaves the data directory");
+    copy_cut(data->path, sizeof(data->path), path);
+    if (!std::isfinite(data->duration)) {
+        LOG_FN(LL_ERROR, "duration refused, not a finite number: %f [%s]\n", data->duration, data->path);
+        return LINE_REFUSED;
+    }
+    return LINE_OK;
+}
+
+// --- items ---
+
+void free_item(pl_item *item) {
+    CHECK(item->le.tag.num == PL_SEG || item->le.tag.num == PL_DIS);
+    LOG_FN(LL_DEBUG, "(%p) #%zu [%s] %.02f %ld bytes\n", static_cast<void *>(item), item->mseq,
+           item->path ? item->path : "-", item->duration, static_cast<long>(item->fsize));
+    free(item->path);
+    free(item);
+}
+
+int plitem_cmp(const dlep_elem *a, const dlep_elem *b) {
+    time_t at = dlep_as<pl_item>(a)->start_tm;
+    time_t bt = dlep_as<pl_item>(b)->start_tm;
+    return at < bt ? -1 : at > bt ? 1 : 0;
+}
+
+time_t seg_expiry_time(const src_params *params, long start_tm) {
+    return add_seconds(start_tm, static_cast<long>(params->max_plbk_sec));
+}
+
+int verify_item_size(const char *data_dir, const char *path, off_t size) {
+    char full[256];
+    int n = 0;
+    if (data_dir[0])
+        n = snprintf(full, sizeof(full), "%s%s%s", data_dir, lastchar(data_dir) == '/' ? "" : "/", path);
+    else
+        n = snprintf(full, sizeof(full), "%s", path);
+    if (n <= 0 || n >= static_cast<int>(sizeof(full))) {
+        LOG_FN(LL_ERROR, "buffer under/overrun n=%d\n", n);
+        log_abort();
+    }
+    off_t actual = get_file_size(full);
+    if (actual < 0)
+        return -2;
+    if (actual == size)
+        return 0;
+    LOG_FN(LL_ERROR, "mismatch - reported/actual=%ld/%ld\n", static_cast<long>(size),
+           static_cast<long>(actual));
+    return -1;
+}
+
+static int skip_item(const pl_source *src, pl_item *item, const char *path) {
+    LOG(LL_WARN, "%s: skipping %s for src[%s]\n", "add_seg", path, src->nametag);
+    free(item);
+    return 0;
+}
+
+// Fills a segment item. 0, 1 when the line is to be skipped, or an error.
+static int fill_segment(const pl_source *src, const item_data *data, const pl_item *head, pl_item *item) {
+    item->le.tag.num = PL_SEG;
+    item->mseq = head ? head->mseq + 1 : 0;
+    LOG(LL_DEBUG, "%s: %s [%s] %ld bytes, %f sec, pts=%li\n", "add_seg", item->le.tag.sym, data->path,
+        data->fsize, data->duration, data->ifrm1_pts);
+    // The item keeps no time stamp of its own, so what this turns away are lines without one.
+    if (head && data->ifrm1_pts <= head->ifrm1_pts) {
+        LOG(LL_WARN, "%s: new segment pts=%li is <= head pts=%li\n", "add_seg", data->ifrm1_pts,
+            head->ifrm1_pts);
+        return 1;
+    }
+    if (g_cfg.verify_item_filesize) {
+        int rc = verify_item_size(src->param.data_dir, data->path, data->fsize);
+        if (rc != 0)
+            return rc;
+    }
+    item->path = strdup(data->path);
+    if (!item->path)
+        return ENOMEM;
+    if (data->duration < MIN_DURATION || data->duration >= MAX_DURATION)
+        LOG(LL_ERROR, "%s: invalid duration: %f\n", "add_seg", data->duration);
+    item->duration = data->duration;
+    item->start_tm = data->start_tm;
+    item->fsize = data->fsize;
+    return 0;
+}
+
+static bool insert_item(pl_source *src, pl_item *item) {
+    bool must_sort = src->manif.is_feeding && src->manif.must_sort;
+    dlep_elem *in =
+        must_sort ? dlep_sadd(src->items, &item->le, 0, plitem_cmp) : dlep_append(src->items, &item->le);
+    return in == &item->le;
+}
+
+// At least once for the new item, then until the list is within the playback length again.
+static int trim(pl_source *src) {
+    double limit = static_cast<double>(src->param.max_plbk_sec);
+    int rc = 0;
+    do {
+        rc = apply_src_changes(src, src->total_sec > limit);
+    } while (rc == 0 && src->total_sec > limit);
+    return rc;
+}
+
+int add_seg(pl_source *src, const item_data *data) {
+    const pl_item *head = newest_item(src);
+    auto *item = static_cast<pl_item *>(W_calloc(__func__, 1, sizeof(pl_item)));
+    if (!item)
+        return ENOMEM;
+    if (strcmp(data->path, DISCONTINUITY) != 0) {
+        int rc = fill_segment(src, data, head, item);
+        if (rc == 1)
+            return skip_item(src, item, data->path);
+        if (rc != 0) {
+            free(item);
+            return rc;
+        }
+    } else {
+        item->le.tag.num = PL_DIS;
+        item->mseq = head ? head->mseq : 0;
+        if (!head || !is_segment(head))
+            return skip_item(src, item, DISCONTINUITY);
+    }
+    if (!insert_item(src, item)) {
+        LOG_FN(LL_ERROR, "failed to add new item to src[%s]\n", src->nametag);
+        free_item(item);
+        return -1;
+    }
+    src->total_sec += item->duration;
+    LOG(LL_INFO, "added %s [%s]/%f m%zu  channel[%s] %s\n", src->manif.is_feeding ? "MANIF" : "LIVE",
+        item->le.tag.sym, item->duration, item->mseq, src->nametag, item->path ? item->path : "(null)");
+    return trim(src);
+}
+
+int add_discontinuity(pl_source *src) {
+    LOG_FN(LL_DEBUG, "src[%s]\n", src->nametag);
+    item_data data{};
+    memcpy(data.path, DISCONTINUITY, sizeof(DISCONTINUITY));
+    return add_seg(src, &data);
+}
+
+// --- changes ---
+
+void recycle_segfile(pl_source *src, pl_item *item) {
+    if (src->rcy_fpath) {
+        const char *dir = src->param.data_dir[0] ? src->param.data_dir : g_cfg.data_dir;
+        char full[sizeof(g_cfg.data_dir) + MAX_ITEM_PATH + 1];
+        snprintf(full, sizeof(full), "%s/%s", dir, src->rcy_fpath);
+        LOG_FN(LL_DEBUG, "removing [%s]\n", full);
+        W_unlink(__func__, full);
+        free(src->rcy_fpath);
+    }
+    src->rcy_fpath = item->path;
+    item->path = nullptr;
+    LOG_FN(LL_DEBUG, "[%s] is next to recycle\n", src->rcy_fpath);
+}
+
+static void retire_oldest(pl_source *src) {
+    dlep_elem *tail = dlep_rmtail(src->items);
+    CHECK(tail);
+    pl_item *item = dlep_as<pl_item>(tail);
+    if (is_segment(item)) {
+        // An empty list weighs nothing, whatever rounding has left over.
+        src->total_sec = newest_item(src) ? src->total_sec - item->duration : 0;
+        LOG(LL_DEBUG, "%s: retiring [%s] (m%zu) %f sec, new-total=%f sec\n", "apply_src_changes", item->path,
+            item->mseq, item->duration, src->total_sec);
+        recycle_segfile(src, item);
+    }
+    free_item(item);
+}
+
+int apply_src_changes(pl_source *src, bool must_trim) {
+    LOG_FN(LL_DEBUG, "src[%s] %zu items/%f sec %s\n", src->nametag, dlep_count(src->items), src->total_sec,
+           must_trim ? "trim" : "");
+    size_t stop = 0;
+    int rc = src->tasks.len > 0 ? xvlst_each_aux(&src->tasks, &must_trim, adjust_task_rec, &stop) : 0;
+    if (rc != 0) {
+        LOG_FN(LL_ERROR, "src[%s] failed to adjust tasks\n", src->nametag);
+        return rc;
+    }
+    if (must_trim)
+        retire_oldest(src);
+    return 0;
+}

@@ -1,0 +1,144 @@
+#include "app/manifest.h"
+
+#include "app/item.h"
+#include "app/task.h"
+#include "lib/check.h"
+#include "lib/log.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+LOG_UNIT(LOG_MOD_APP);
+
+static constexpr size_t MAX_LINE = 255; // with the terminating zero
+static constexpr int ENTRY_STALE = -7;
+static constexpr int ENTRY_STOPS = -1;
+
+int mk_manifest_path(const src_params *params, const char *nametag, char *buf, size_t size) {
+    return snprintf(buf, size, "%s/%s/%s.manifest_live", params->data_dir, nametag, nametag);
+}
+
+bool is_stale_mitem(const src_params *params, const char *path, long start_tm) {
+    if (params->max_mitem_age == -1)
+        return false;
+    long limit = params->max_mitem_age == 0 ? static_cast<long>(params->max_plbk_sec) : params->max_mitem_age;
+    long delta = 0;
+    if (__builtin_sub_overflow(time(nullptr), start_tm, &delta))
+        delta = start_tm < 0 ? INT64_MAX : INT64_MIN;
+    if (delta <= limit)
+        return false;
+    LOG_FN(LL_DEBUG, "[%s]/%ld is stale, delta=%ld (>%ld)\n", path, start_tm, delta, limit);
+    return true;
+}
+
+// "NUMBER: " and what follows it.
+static bool skip_number(line_scan *scan) {
+    int64_t number = 0;
+    if (!scan_long(scan, &number) || scan->rest.empty() || scan->rest.front() != ':')
+        return false;
+    scan->rest.remove_prefix(1);
+    return true;
+}
+
+static void note_order(pl_source *src, long start_tm) {
+    manifest_ctx &manif = src->manif;
+    if (manif.last_tm == 0 || manif.must_sort || start_tm >= manif.last_tm)
+        return;
+    manif.must_sort = true;
+    LOG(LL_DEBUG, "%s: start-tm:%ld < last:%ld, starting to sort items\n", "add_manifest_entry", start_tm,
+        manif.last_tm);
+}
+
+int add_manifest_entry(pl_source *src, std::string_view line, size_t line_no) {
+    line = strip_tail(line);
+    int len = static_cast<int>(line.size());
+    LOG_FN(LL_DEBUG, "line %zu: [%.*s]\n", line_no, len, line.data());
+    line_scan scan{.rest = line};
+    item_data data{};
+    std::string_view rest;
+    line_verdict verdict = skip_number(&scan) ? scan_item(&scan, &data, &rest) : LINE_INVALID;
+    if (verdict == LINE_INVALID) {
+        LOG_FN(LL_ERROR, "invalid input, [%.*s] n=%d\n", len, line.data(), scan.count);
+        return ENTRY_STOPS;
+    }
+    LOG_FN(LL_DEBUG, "%d fields scanned\n", scan.count);
+    if (verdict == LINE_REFUSED)
+        return EINVAL;
+    if (is_stale_mitem(&src->param, data.path, data.start_tm))
+        return ENTRY_STALE;
+    note_order(src, data.start_tm);
+    if (src->master) {
+        LOG_FN(LL_ERROR, "must not have master src[%s]\n", src->master->nametag);
+        return ENTRY_STOPS;
+    }
+    int rc = add_seg(src, &data);
+    if (rc == 0)
+        src->last_item_tm = idle_clock();
+    return rc;
+}
+
+// The next line without its end; what does not fit is dropped up to the line's end. False at the end.
+static bool next_line(FILE *fp, char (&buf)[MAX_LINE], size_t *len) {
+    if (!fgets(buf, sizeof(buf), fp))
+        return false;
+    *len = strlen(buf);
+    if (*len + 1 == sizeof(buf) && buf[*len - 1] != '\n')
+        for (int c = getc_unlocked(fp); c != EOF && c != '\n';)
+            c = getc_unlocked(fp);
+    return true;
+}
+
+static size_t import_lines(pl_source *src, FILE *fp) {
+    char buf[MAX_LINE];
+    size_t count = 0;
+    size_t len = 0;
+    // Kept at zero: producers write lines of differing lengths, and none of them is corrupt for that.
+    const size_t last_len = 0;
+    while (next_line(fp, buf, &len)) {
+        if (last_len != 0 && len != last_len)
+            LOG(LL_WARN, "%s: last/current=%zu/%zu mismatch, corrupt manifest?\n", "read_manifest", last_len,
+                len);
+        int rc = add_manifest_entry(src, {buf, len}, count + 1);
+        if (rc == 0)
+            ++count;
+        else if (rc == ENTRY_STOPS)
+            break;
+        else
+            LOG(LL_WARN, "%s: skipping over entry (rc=%d)\n", "read_manifest", rc);
+    }
+    return count;
+}
+
+static void mirror_items(const pl_source *src) {
+    FILE *out = log_mirror_fp(&g_log);
+    if (!out)
+        return;
+    for (const pl_item *item = oldest_item(src); item; item = newer_item(item))
+        fprintf(out, "#%zu s:%ld (%s) %.02f pts=%li\n", item->mseq, static_cast<long>(item->start_tm),
+                item->path ? item->path : DISCONTINUITY, item->duration, item->ifrm1_pts);
+}
+
+void read_manifest(pl_source *src) {
+    char mpath[MAX_MANIFEST_PATH];
+    int n = mk_manifest_path(&src->param, src->nametag, mpath, sizeof(mpath));
+    CHECK(n < (ssize_t)sizeof(mpath));
+    LOG_FN(LL_DEBUG, "trying for [%s]\n", mpath);
+    FILE *fp = fopen(mpath, "r");
+    if (!fp) {
+        if (errno == ENOENT)
+            LOG_FN(LL_DEBUG, "%s not found\n", mpath);
+        else
+            LOG_FN(LL_ERROR, "fopen(%s,..) ERROR(%d): %s\n", mpath, errno, strerror(errno));
+        return;
+    }
+    src->manif.is_feeding = true;
+    size_t count = import_lines(src, fp);
+    src->manif.is_feeding = false;
+    if (count > 0)
+        add_discontinuity(src);
+    fclose(fp);
+    LOG(LL_INFO, "%zu entries imported from [%s]\n", count, mpath);
+    mirror_items(src);
+}

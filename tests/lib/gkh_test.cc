@@ -1,0 +1,166 @@
+#include "lib/gkh.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace {
+
+void *ptr(uintptr_t n) {
+    return reinterpret_cast<void *>(n);
+}
+
+uint64_t same(const char *, uint64_t) {
+    return 0;
+}
+
+std::vector<std::string> keys_of(skht_t t) {
+    std::vector<std::string> keys;
+    const size_t n = skht_iter(
+        t,
+        [](const char *key, void *, void *arg) {
+            static_cast<std::vector<std::string> *>(arg)->push_back(key);
+        },
+        &keys);
+    EXPECT_EQ(n, keys.size());
+    EXPECT_EQ(n, skht_count(t));
+    return keys;
+}
+
+TEST(Gkh, HashFunctions) {
+    EXPECT_EQ(plHash("", 5), 5u);
+    EXPECT_EQ(plHash("abc", 7), 0x7d4c91u);
+    EXPECT_EQ(plHash("channel-one", 1700000000), 0xb8eb233df69c30b8u);
+    EXPECT_EQ(plHash("\x80\xff", 1), 0xfffffffffffff558u); // bytes count as signed
+    EXPECT_EQ(elfHash("printf", 1), 0x77905a6u);
+    EXPECT_EQ(elfHash("channel-one", 2), 0x4d8ee15u);
+    EXPECT_EQ(elfHash("\xff\xff\xff\xff\xff\xff\xff\xff", 0), 0x10efu);
+    EXPECT_EQ(elfHash("\x0f\x0f\x0f\x0f\x0f\x0f\x0f\xff", 0), 0x1000000efu); // a carry beyond 32 bits stays
+    EXPECT_EQ(tw_shift(1, 9), 0x5bca7c69b794f8ceu);
+    EXPECT_EQ(tw_shift(1ull << 40, 0), 0x9364fec267021515u);
+    EXPECT_EQ(tw_shift(UINT64_MAX, 0), 0x1f89206e3f8ec794u);
+}
+
+TEST(Gkh, BucketCountsAndCapacityLimit) {
+    const size_t table[][2] = {{1, 1}, {2, 2},     {3, 4},       {5, 4},
+                               {6, 8}, {128, 128}, {1024, 1024}, {5000000, 4194304}};
+    for (const auto &[capacity, buckets] : table) {
+        nkht_t t = nullptr;
+        ASSERT_EQ(nkht_create(&t, capacity, nullptr), 0);
+        EXPECT_EQ(nkht_buckets(t), buckets) << capacity;
+        nkht_destroy(t, nullptr);
+    }
+    skht_t t = nullptr;
+    EXPECT_EQ(skht_create(&t, 5000001, nullptr, nullptr, 0), EOVERFLOW);
+    EXPECT_EQ(nkht_create(&t, SIZE_MAX, tw_shift), EOVERFLOW);
+}
+
+// The table against a model, with chains from crowded (one bucket for all) to short.
+TEST(Gkh, BehavesLikeAMap) {
+    struct {
+        size_t capacity;
+        str_hash hash;
+    } const table[] = {{1, nullptr}, {64, same}, {16, plHash}, {400, elfHash}};
+    for (const auto &row : table) {
+        skht_t s;
+        nkht_t n;
+        ASSERT_EQ(skht_create(&s, row.capacity, row.hash, nullptr, 0), 0);
+        ASSERT_EQ(nkht_create(&n, row.capacity, row.capacity < 100 ? nullptr : tw_shift), 0);
+        std::map<uint64_t, void *> model;
+        srand(3);
+        for (uintptr_t i = 1; i < 3000; ++i) {
+            const uint64_t key = static_cast<uint64_t>(rand() % 300);
+            const std::string text = "key " + std::to_string(key);
+            const bool known = model.count(key) > 0;
+            void *const want = known ? model[key] : ptr(i);
+            void *sd = ptr(i), *nd = ptr(i);
+            switch (rand() % 5) {
+            case 0:
+                EXPECT_EQ(skht_get(s, text.c_str(), &sd), known ? 0 : ESRCH);
+                EXPECT_EQ(nkht_get(n, key, &nd), known ? 0 : ESRCH);
+                break;
+            case 1:
+                EXPECT_EQ(skht_rm(s, text.c_str(), &sd), known ? 0 : ESRCH);
+                EXPECT_EQ(nkht_rm(n, key, &nd), known ? 0 : ESRCH);
+                model.erase(key);
+                break;
+            default:
+                EXPECT_EQ(skht_add(s, text.c_str(), &sd), known ? EBUSY : 0);
+                EXPECT_EQ(nkht_add(n, key, &nd), known ? EBUSY : 0);
+                model.emplace(key, ptr(i));
+            }
+            EXPECT_TRUE(sd == want && nd == want);
+            EXPECT_TRUE(skht_count(s) == model.size() && nkht_count(n) == model.size());
+        }
+        EXPECT_EQ(keys_of(s).size(), model.size());
+        static size_t freed;
+        freed = 0;
+        skht_destroy(s, [](void *) { ++freed; });
+        nkht_destroy(n, [](void *) { ++freed; });
+        EXPECT_EQ(freed, 2 * model.size());
+    }
+}
+
+TEST(Gkh, ChainsAreSortedAndMayShrinkUnderIteration) {
+    const char *const keys[] = {"m", "b", "z", "b", "a"};
+    skht_t t;
+    ASSERT_EQ(skht_create(&t, 1, nullptr, keys, 5), 0);
+    EXPECT_EQ(keys_of(t), (std::vector<std::string>{"a", "b", "m", "z"}));
+    void *data = ptr(1);
+    EXPECT_EQ(skht_get(t, "b", &data), 0);
+    EXPECT_EQ(data, nullptr);
+    EXPECT_EQ(skht_get(t, "bb", nullptr), ESRCH);
+    EXPECT_EQ(skht_iter(
+                  t,
+                  [](const char *key, void *, void *arg) { skht_rm(static_cast<skht_t>(arg), key, nullptr); },
+                  t),
+              4u);
+    EXPECT_EQ(skht_count(t), 0u);
+    skht_destroy(t, nullptr);
+}
+
+TEST(Gkh, LongTextKeysAreCut) {
+    const std::string fit(254, 'k'), cut(255, 'k');
+    skht_t t;
+    ASSERT_EQ(skht_create(&t, 1, nullptr, nullptr, 0), 0);
+    EXPECT_EQ(skht_add(t, cut.c_str(), nullptr), 0);
+    EXPECT_EQ(skht_get(t, cut.c_str(), nullptr), ESRCH);
+    EXPECT_EQ(skht_add(t, cut.c_str(), nullptr), 0);
+    EXPECT_EQ(skht_rm(t, cut.c_str(), nullptr), ESRCH);
+    EXPECT_EQ(keys_of(t), (std::vector<std::string>{fit, fit}));
+    EXPECT_EQ(skht_add(t, fit.c_str(), nullptr), EBUSY);
+    skht_destroy(t, nullptr);
+}
+
+TEST(Gkh, NumericKeysCompareByTheirLowHalf) {
+    nkht_t t;
+    std::vector<uint64_t> seen;
+    ASSERT_EQ(nkht_create(&t, 1, nullptr), 0);
+    for (uint64_t key : {0ull, 0xfffffff0ull, 5ull})
+        EXPECT_EQ(nkht_add(t, key, nullptr), 0);
+    EXPECT_EQ(nkht_add(t, 0x700000005ull, nullptr), EBUSY);
+    nkht_iter(
+        t, [](uint64_t key, void *, void *arg) { static_cast<std::vector<uint64_t> *>(arg)->push_back(key); },
+        &seen);
+    EXPECT_EQ(seen, (std::vector<uint64_t>{0xfffffff0, 0, 5}));
+    nkht_destroy(t, nullptr);
+}
+
+TEST(Gkh, RefusesContradictoryArguments) {
+    skht_t t;
+    const char *const keys[] = {"a"};
+    EXPECT_DEATH(skht_create(&t, 0, nullptr, nullptr, 0), "ph && capacity");
+    EXPECT_DEATH(nkht_create(nullptr, 1, nullptr), "ph && capacity");
+    EXPECT_DEATH(skht_create(&t, 1, nullptr, keys, 0), "!keys \\|\\| nkeys");
+    EXPECT_DEATH(skht_get(nullptr, "a", nullptr), "tbl && key");
+    ASSERT_EQ(skht_create(&t, 1, nullptr, keys, 1), 0);
+    EXPECT_DEATH(skht_add(t, nullptr, nullptr), "tbl && key");
+    EXPECT_DEATH(nkht_get(t, 1, nullptr), "ktype");
+    skht_destroy(t, nullptr);
+}
+
+} // namespace
