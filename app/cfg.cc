@@ -205,13 +205,26 @@ static int load_config(plum_cfg *cfg, bool reload) {
     return 0;
 }
 
+// A reload must find the very same file.
+static int store_path(plum_cfg *cfg, const char *path) {
+    size_t len = strlen(path);
+    if (path == cfg->config_path)
+        return 0;
+    if (len >= sizeof(cfg->config_path)) {
+        LOG(LL_ERROR, "%s: config path is too long (%zu bytes), max=%zu bytes.\n", "load_plum_config", len,
+            sizeof(cfg->config_path) - 1);
+        return -1;
+    }
+    memcpy(cfg->config_path, path, len + 1);
+    return 0;
+}
+
 int load_plum_config(const char *path, plum_cfg *cfg, bool reload) {
     int rc = config_open(path);
-    if (rc == 0) {
-        if (path != cfg->config_path)
-            snprintf(cfg->config_path, sizeof(cfg->config_path), "%s", path);
+    if (rc == 0)
+        rc = store_path(cfg, path);
+    if (rc == 0)
         rc = load_config(cfg, reload);
-    }
     config_close();
     if (rc != 0)
         LOG_FN(LL_ERROR, "FAILED (%d)\n", rc);

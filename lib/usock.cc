@@ -47,13 +47,6 @@ int usock_open(const char *url, const char *ifc, usock_ctx *uc) {
     spec.host = host.c_str();
     spec.port = port.c_str();
     spec.ifc = ifc;
-    addrinfo hints{};
-    hints.ai_flags = AI_NUMERICHOST;
-    addrinfo *found = nullptr;
-    if (getaddrinfo(spec.host, nullptr, &hints, &found) == 0) {
-        spec.is_multicast = is_multicast(found->ai_addr);
-        freeaddrinfo(found);
-    }
     uc->fd = open_socket(spec, &uc->addr, &uc->addrlen);
     return uc->fd >= 0 ? 0 : -1;
 }
