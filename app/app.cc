@@ -26,6 +26,7 @@ LOG_UNIT(LOG_MOD_APP);
 static constexpr size_t PPRM_BLOCK = 16;
 static constexpr size_t TASK_BLOCK = 8;
 static constexpr size_t MIN_PLBK_SEC = 100; // of a source's own playback length
+static constexpr size_t MAX_PLBK_SEC = INT64_MAX;
 static constexpr int TOO_MANY_SOURCES = -34;
 static constexpr int NAME_IS_CONNECTED = -16;
 
@@ -123,6 +124,9 @@ int get_src_params(const char *text, src_params *params) {
     size_t max_sec = 0;
     if (const char *at = strstr(text, "max_sec="))
         sscanf(at, "max_sec=%zu", &max_sec);
+    // The scan takes a negative length for a huge one.
+    if (max_sec > MAX_PLBK_SEC)
+        max_sec = 0;
     copy_cut(params->pl_item_pfx, PFX_SIZE, find_param(text, "item_pfx="));
     if (max_sec < MIN_PLBK_SEC) {
         LOG_FN(LL_ERROR, "max_sec==%zu invalid or too small (min=%d)\n", max_sec,

@@ -43,7 +43,7 @@ void config_plum_ifc(plum_cfg *cfg, size_t index, uint32_t tag, const char *path
     entry.proto = PROTO_TCP;
     snprintf(entry.domain_path, sizeof(entry.domain_path), "%s", path);
     entry.kind.num = tag;
-    entry.is_valid = true;
+    entry.is_valid = path[0] != '\0';
     cfg->rui.max_accept = 64;
     cfg->rui.user_request_tmout = 500;
 }
@@ -155,7 +155,7 @@ static int load_required(const char *key, char *buf, size_t size) {
 }
 
 static int load_report_ids(mdrep_cfg *mdr) {
-    if (!config_has("lum.md_report.lid")) {
+    if (!config_has_group("lum.md_report.lid")) {
         LOG(LL_ERROR, "%s: must include lid section\n", "load_config");
         return -1;
     }

@@ -12,7 +12,7 @@ enum : size_t { SRC_LISTENER = 1, PL_LISTENER = 2 }; // entries of rui.user
 int init_plum_config(plum_cfg *cfg);
 
 // Defines listener `index` (1..MAX_LISTENERS, anything else is an assertion failure) as a UNIX socket at
-// `path`, whose requests carry `tag`.
+// `path`, whose requests carry `tag`; an empty path leaves it undefined.
 void config_plum_ifc(plum_cfg *cfg, size_t index, uint32_t tag, const char *path);
 bool has_rui_ifc(const plum_cfg *cfg, size_t index);
 

@@ -17,8 +17,10 @@
 #include "lib/util.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <unistd.h>
 
 LOG_UNIT(LOG_MOD_APP);
@@ -27,8 +29,6 @@ static constexpr int HUP_WAIT_MS = 10;
 static constexpr char FALLBACK_HOME[] = "/tmp";
 
 // --- event dispatch: the first word of every registered record is its type ---
-
-static int on_read(long word, int err, void *udata, void *aux);
 
 static void report_expired(const n32_tag &tag, const void *record) {
     LOG(LL_WARN, "%s: got expired [%3s] (0x%04x) on (%p), dismissing\n", "on_read", tag.sym, tag.num, record);
@@ -40,19 +40,17 @@ static void report_expired(const n32_tag &tag, const void *record) {
     check_failed("known record type", __FILE__, __LINE__, "on_read");
 }
 
-// A hang-up with nothing left to read is the end. A closed peer always reads as readable, so that only a
-// wait that times out leaves something to look at.
-static bool is_hup_only(const pl_urq *urq, int err) {
-    if (err != RQS_HUP)
-        return false;
+// Whether a connection that hung up still has something to read. A closed peer always reads as readable, so
+// that only a wait that times out leaves something to look at.
+static bool has_pending_data(const pl_urq *urq) {
     if (wait_to_read(urq->rq.fd, HUP_WAIT_MS) == 1)
-        return false;
+        return true;
     LOG(LL_DEBUG, "%s: no data pending for fd%d\n", "on_read", urq->rq.fd);
-    return true;
+    return false;
 }
 
 static int read_urq(pl_urq *urq, int err) {
-    bool is_data = err == 0 || (err == RQS_HUP && !is_hup_only(urq, err));
+    bool is_data = err == 0 || (err == RQS_HUP && has_pending_data(urq));
     if (!is_data) {
         LOG(LL_ERROR, "%s: URQ [%s] (%p) err=%d\n", "on_read", urq->rq.trk_tag.sym8, static_cast<void *>(urq),
             err);
@@ -86,11 +84,8 @@ static int on_srv_accept(rui_socket_ctx *srv, int err) {
 
 static int on_read(long, int err, void *udata, void *) {
     const n32_tag &tag = *static_cast<const n32_tag *>(udata);
-    LOG_FN(LL_DEBUG, "%s [%s] (%p) err=%d\n",
-           err & RQS_HUP ? "HUP"
-           : err         ? "ERROR"
-                         : "data",
-           tag.sym, udata, err);
+    const char *what = err & RQS_HUP ? "HUP" : err ? "ERROR" : "data";
+    LOG_FN(LL_DEBUG, "%s [%.3s] (%p) err=%d\n", what, tag.sym, udata, err);
     switch (tag.num) {
     case PL_URQ:
         return read_urq(static_cast<pl_urq *>(udata), err);
@@ -284,11 +279,9 @@ static int open_ring() {
 
 static int settle_daemon() {
     close_stderr();
-    if (g_cfg.rt.pidfile[0]) {
-        int rc = create_pidfile_extra(g_cfg.rt.pidfile, getpid(), nullptr, 0);
-        if (rc != 0)
-            return rc;
-    }
+    int rc = create_pidfile_extra(g_cfg.rt.pidfile, getpid(), nullptr, 0);
+    if (rc != 0)
+        return rc;
     if (g_cfg.log.enable_syslog)
         glog_enable_syslog(APP_NAME);
     return 0;
@@ -364,13 +357,24 @@ static int app_start() {
     return rc == 0 ? rui_ctx_start(&g_ctx.rui) : rc;
 }
 
+// A file that names another running process is its guard, not ours to remove.
+static void remove_pidfile() {
+    char text[32] = "";
+    if (g_cfg.rt.pidfile[0] == '\0' || access(g_cfg.rt.pidfile, F_OK) != 0)
+        return;
+    ssize_t n = read_file_buf(g_cfg.rt.pidfile, text, sizeof(text) - 1);
+    pid_t owner = n > 0 ? atoi(text) : 0;
+    bool is_others = owner > 0 && owner != getpid() && kill(owner, 0) == 0;
+    if (!is_others)
+        unlink(g_cfg.rt.pidfile);
+}
+
 static void app_shutdown() {
     LOG_FN(LL_DEBUG, "begins\n");
     pprm_task_cleanup();
     destroy_plum_ctx();
     rqs_destroy();
-    if (g_cfg.rt.pidfile[0])
-        unlink(g_cfg.rt.pidfile);
+    remove_pidfile();
     LOG(LL_NORM, "%s shut down\n", APP_NAME);
 }
 
@@ -395,7 +399,18 @@ static int run() {
     return 0;
 }
 
+// Started with a closed standard descriptor, the log or a socket would take its number, and with it every
+// stray message.
+static void occupy_standard_descriptors() {
+    int fd = 0;
+    while (fd >= 0 && fd <= STDERR_FILENO)
+        fd = open("/dev/null", O_RDWR);
+    if (fd >= 0)
+        close(fd);
+}
+
 int main(int argc, char **argv) {
+    occupy_standard_descriptors();
     const char *sysw_debug = getenv("SYSW_DEBUG");
     if (argc < 2)
         usage(1);

@@ -219,10 +219,8 @@ int setup_config(int argc, char **argv) {
         fprintf(stderr, "Invalid or unspecified config [%s], please use -C path\n", "");
         usage(1);
     }
-    bool is_quiet = g_cfg.rt.quiet;
     if (load_plum_config(path, &g_cfg, false) != 0)
         exit(1);
-    g_cfg.rt.quiet |= is_quiet;
     reset_getopt_state();
     log_timefmt(&g_log, static_cast<uint32_t>(g_cfg.log.timefmt));
     if (geteuid() != 0)

@@ -87,17 +87,16 @@ int appcfg_load_ranged(const char *key, int64_t *value, int64_t fallback, int64_
         return 0;
     }
     if (is_size)
-        LOG(LL_ERROR, "%s: %s=%zu is out of range [%d..%d]\n", "load_config", key, static_cast<size_t>(read),
-            static_cast<int>(min), static_cast<int>(max));
+        LOG(LL_ERROR, "%s: %s=%zu is out of range [%ld..%ld]\n", "load_config", key,
+            static_cast<size_t>(read), min, max);
     else
-        LOG(LL_ERROR, "%s: %s=%d is out of range [%d..%d]\n", "load_config", key, static_cast<int>(read),
-            static_cast<int>(min), static_cast<int>(max));
+        LOG(LL_ERROR, "%s: %s=%ld is out of range [%ld..%ld]\n", "load_config", key, read, min, max);
     return -1;
 }
 
 int appcfg_load_log(const char *group, log_cfg *cfg) {
     auto key = [group](const char *name) { return key_name(group, "log", name); };
-    if (!config_has(key("").text)) {
+    if (!config_has_group(key("").text)) {
         LOG(LL_ERROR, "%s: missing log section\n", "load_config");
         return -1;
     }
@@ -119,7 +118,7 @@ int appcfg_load_log(const char *group, log_cfg *cfg) {
 
 int appcfg_load_rt(const char *group, rt_cfg *cfg) {
     auto key = [group](const char *name) { return key_name(group, "runtime", name); };
-    if (!config_has(key("").text)) {
+    if (!config_has_group(key("").text)) {
         LOG(LL_ERROR, "%s: missing runtime section\n", "load_config");
         return -1;
     }

@@ -38,8 +38,8 @@ void appcfg_init_rt(rt_cfg *cfg);
 int appcfg_load_log(const char *group, log_cfg *cfg);
 int appcfg_load_rt(const char *group, rt_cfg *cfg);
 
-// An integer key of the open file within min..max; 0 or -1 (logged) with `value` untouched. `shown` is
-// how the value is printed: "%zu" for sizes, "%d" else.
+// An integer key of the open file within min..max; 0 or -1 (logged) with `value` untouched. With `is_size` a
+// negative value is told as the size it would be.
 int appcfg_load_ranged(const char *key, int64_t *value, int64_t fallback, int64_t min, int64_t max,
                        bool is_size);
 

@@ -274,9 +274,8 @@ static bool take_connection(rui_socket_ctx *srv, int fd, const sockaddr *addr, s
 // Out of descriptors: gives up the spare one for the moment it takes to accept the connection and close it,
 // since a connection that stays pending would wake the loop for ever.
 static bool shed_connection(rui_socket_ctx *srv) {
-    if (g_spare_fd < 0)
-        return false;
-    close(g_spare_fd);
+    if (g_spare_fd >= 0)
+        close(g_spare_fd);
     int fd = accept(srv->sockfd, nullptr, nullptr);
     if (fd >= 0)
         close(fd);
@@ -312,7 +311,8 @@ int rui_accept(rui_socket_ctx *srv, size_t max_accept, int flags, void *data) {
     LOG_FN(LL_DEBUG, "from [%s]\n", alias);
     size_t accepted = 0;
     int rc = 0;
-    while (!g_quit && max_accept > 0 && accepted < max_accept) {
+    // Connections that are turned away count as tries: they must not keep the loop from its other work.
+    for (size_t tries = 0; !g_quit && accepted < max_accept && tries < max_accept; ++tries) {
         LOG(LL_DEBUG, "%s(%s): accepting on fd=%d\n", __func__, alias, srv->sockfd);
         union {
             sockaddr sa;
@@ -350,7 +350,7 @@ int rui_add_request(int fd, rui_socket_ctx *srv, void *data) {
     if (dlep_append(srv->requests, &rq->le) != &rq->le) {
         LOG_FN(LL_ERROR, "failed to queue [%s] request [%p]\n", srv->rqtag.sym, static_cast<void *>(rq));
         rq->fd = -1; // the caller's to close
-        rui_rm_request(rq);
+        srv->cb->rm_rq(rq);
         return -1;
     }
     if (bits_test(&srv->accset, fd))

@@ -86,7 +86,7 @@ struct rui_ctx {
     rui_socket_ctx user[MAX_LISTENERS];
     rui_socket_ctx admin[MAX_LISTENERS];
     rui_socket_ctx custom[MAX_LISTENERS];
-    fd_bits user_fds; // listening sockets, by type
+    fd_bits user_fds; // listening sockets by type, for whoever watches them from outside
     fd_bits admin_fds;
     fd_bits custom_fds;
 };

@@ -4,25 +4,82 @@
 #include "lib/log.h"
 #include "lib/strops.h"
 
+#include <cctype>
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 
 LOG_UNIT(LOG_MOD_APP);
 
 static config_t g_config;
 static bool g_is_open = false;
 
+// A regular file, or null with errno set. Opening never waits, whatever stands at the path.
+static FILE *open_regular(const char *path) {
+    int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    struct stat st;
+    if (fd < 0)
+        return nullptr;
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode))
+        return fdopen(fd, "r");
+    errno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+    close(fd);
+    return nullptr;
+}
+
+// The file name of an include line, empty for any other line.
+static std::string included_path(const char *line) {
+    static constexpr char DIRECTIVE[] = "@include";
+    while (isblank(static_cast<unsigned char>(*line)))
+        ++line;
+    if (strncmp(line, DIRECTIVE, sizeof(DIRECTIVE) - 1) != 0)
+        return {};
+    const char *open_quote = strchr(line, '"');
+    const char *close_quote = open_quote ? strchr(open_quote + 1, '"') : nullptr;
+    return close_quote ? std::string(open_quote + 1, close_quote) : std::string();
+}
+
+// The parser ends the process when it is made to read a directory, so that what a file includes is looked at
+// before. Missing files and circles are left to the parser's own messages.
+static bool can_be_included(FILE *fp, int depth) {
+    static constexpr int MAX_DEPTH = 10;
+    char *line = nullptr;
+    size_t size = 0;
+    bool is_fine = true;
+    while (is_fine && depth < MAX_DEPTH && getline(&line, &size, fp) > 0) {
+        std::string path = included_path(line);
+        if (path.empty() || access(path.c_str(), F_OK) != 0)
+            continue;
+        FILE *included = open_regular(path.c_str());
+        is_fine = included && can_be_included(included, depth + 1);
+        if (included)
+            fclose(included);
+        else
+            LOG(LL_ERROR, "%s: cannot include [%s] ERROR(%d): %s\n", "config_open", path.c_str(), errno,
+                strerror(errno));
+    }
+    free(line);
+    rewind(fp);
+    return is_fine;
+}
+
 int config_open(const char *path) {
     CHECK(!g_is_open);
     config_init(&g_config);
     g_is_open = true;
-    FILE *fp = fopen(path, "r");
+    FILE *fp = open_regular(path);
     if (!fp) {
+        LOG_FN(LL_ERROR, "[%s] ERROR(%d): %s\n", path, errno, strerror(errno));
         fprintf(stderr, "Failed to load [%s]\n", path);
         return -1;
     }
-    int rc = 0;
-    if (config_read(&g_config, fp) != CONFIG_TRUE) {
+    int rc = can_be_included(fp, 0) ? 0 : -1;
+    if (rc == 0 && config_read(&g_config, fp) != CONFIG_TRUE) {
         LOG(LL_ERROR, "Error reading/parsing config file [%s]: line %d: %s\n", path,
             config_error_line(&g_config), config_error_text(&g_config));
         rc = -1;
@@ -42,8 +99,9 @@ config_setting_t *config_find(const char *key) {
     return config_lookup(&g_config, key);
 }
 
-bool config_has(const char *key) {
-    return config_find(key) != nullptr;
+bool config_has_group(const char *key) {
+    const config_setting_t *setting = config_find(key);
+    return setting && config_setting_is_group(setting);
 }
 
 static int wrong_type(const char *key, const config_setting_t *setting, const char *wanted) {

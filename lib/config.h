@@ -7,12 +7,13 @@
 #include <cstdint>
 #include <libconfig.h>
 
-// Opens and parses `path`. 0; -1 when it cannot be opened (printed on standard error) or parsed (logged).
+// Opens and parses `path`. 0; -1 when it cannot be opened (also printed on standard error) or parsed
+// (logged). Anything but a regular file is refused, also where one is included.
 // Must be followed by config_close in either case.
 int config_open(const char *path);
 void config_close();
 
-bool config_has(const char *key);
+bool config_has_group(const char *key);
 config_setting_t *config_find(const char *key); // null = absent
 
 // Each returns 0, or -1 for a value of the wrong type or, for strings, of more than `max` characters

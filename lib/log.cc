@@ -250,6 +250,8 @@ static int stamp_time(const log_ctx *log) {
     int n = mk_timestr(now, log->time_format, b.text + b.len, sizeof(b.text) - b.len);
     if (n > 0)
         b.len += static_cast<size_t>(n);
+    if (n == TIMESTR_BUSY)
+        return 0; // a signal's record, in the middle of another's time stamp, goes without
     if (n <= 0 || !append(" ")) {
         fprintf(stderr, "%s: time buffer error (n=%d)\n", "logbuf_prepare", n);
         return -1;
@@ -339,10 +341,6 @@ void log_record(log_ctx &log, int level, const loglevel_ctx &unit, const char *f
     errno = saved_errno;
 }
 
-static bool is_standard(FILE *fp) {
-    return fp == stdout || fp == stderr;
-}
-
 void log_flush(log_ctx *log, int level) {
     const logbuf &b = buf();
     if (b.len == 0)
@@ -357,7 +355,7 @@ void log_flush(log_ctx *log, int level) {
         return;
     if (level < 0 && log->syslg.enabled)
         syslog(get_syslog_pri(level) | log->syslg.facility, "%s", b.text);
-    if (!is_standard(log->fp))
+    if (!log_is_standard(log->fp))
         log_rotate_if_due(log);
 }
 

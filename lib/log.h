@@ -132,7 +132,7 @@ void glog_init(const char *app_tag);
 const char *glog_app_tag();
 
 // Opens a log file (null path: standard error); an existing non-empty file is first moved aside to
-// "PATH.MTIME" unless `flags` has LOG_OPEN_APPEND. 0 or -1, printed on standard error.
+// "PATH.MTIME" (the next free second) unless `flags` has LOG_OPEN_APPEND. 0 or -1, printed on standard error.
 int log_open_ex(log_ctx *log, const char *path, unsigned flags);
 // Opens a pipe to a command. 0 or -1.
 int log_popen(log_ctx *log, const char *command);
@@ -147,6 +147,9 @@ void log_default(log_ctx *log, FILE *fp);
 void log_mirror(log_ctx *log, FILE *fp);
 FILE *log_mirror_fp(const log_ctx *log);
 FILE *log_fp(const log_ctx *log);
+inline bool log_is_standard(const FILE *fp) {
+    return fp == stdout || fp == stderr;
+}
 
 // Rotation: size in bytes (0 = none), rotated files kept (1..127, anything else means 16), and a time whose
 // day's end is the first daily rotation (below 1 = none).

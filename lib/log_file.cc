@@ -13,8 +13,16 @@ LOG_UNIT(LOG_MOD_APP);
 
 static constexpr size_t ROTA_NAME_SIZE = 160; // of a rotated file, with the terminating zero
 
-static bool is_standard(const FILE *fp) {
-    return fp == stdout || fp == stderr;
+// "PATH.STAMP" of the first second from `*stamp` on whose name is still free: a file that was put aside is
+// never overwritten by the next. The length that the name needs.
+static int mk_aside_name(const char *path, time_t *stamp, char *out, size_t size) {
+    static constexpr int MAX_TRIES = 1000;
+    for (int i = 0;; ++i, ++*stamp) {
+        int n = snprintf(out, size, "%s.%lu", path, static_cast<unsigned long>(*stamp));
+        bool fits = n > 0 && static_cast<size_t>(n) < size;
+        if (!fits || i == MAX_TRIES || access(out, F_OK) != 0)
+            return n;
+    }
 }
 
 int move_if_present(const char *path) {
@@ -28,7 +36,8 @@ int move_if_present(const char *path) {
     if (!S_ISREG(st.st_mode) || st.st_size == 0)
         return 0;
     char aside[LOG_PATH_SIZE];
-    int n = snprintf(aside, sizeof(aside), "%s.%lu", path, static_cast<unsigned long>(st.st_mtime));
+    time_t stamp = st.st_mtime;
+    int n = mk_aside_name(path, &stamp, aside, sizeof(aside));
     if (n < 0 || static_cast<size_t>(n) >= sizeof(aside))
         return 7;
     int rc = rename(path, aside);
@@ -67,7 +76,7 @@ int do_open(log_ctx *log, const char *path) {
         log->fp = stderr;
     }
     log->total_out = 0;
-    if (!log->is_pipe && !is_standard(log->fp)) {
+    if (!log->is_pipe && !log_is_standard(log->fp)) {
         struct stat st;
         if (fstat(fileno(log->fp), &st) == 0)
             log->total_out = static_cast<size_t>(st.st_size);
@@ -121,13 +130,11 @@ time_t log_rota_eod(const log_ctx *log) {
     return log->rota.max_log_tm;
 }
 
-// "NAME.STAMP"; false (printed) when it does not fit.
-static bool mk_rota_name(const log_ctx *log, time_t stamp, char (&out)[ROTA_NAME_SIZE]) {
-    int n = snprintf(out, sizeof(out), "%s.%lu", log->name, static_cast<unsigned long>(stamp));
-    if (n > 0 && static_cast<size_t>(n) < sizeof(out))
+static bool name_fits(int n) {
+    if (n > 0 && static_cast<size_t>(n) < ROTA_NAME_SIZE)
         return true;
     fprintf(stderr, "%s: log log->name is too long (%d bytes), max=%lu\n", "log_rotate", n,
-            static_cast<unsigned long>(sizeof(out) - 1));
+            static_cast<unsigned long>(ROTA_NAME_SIZE - 1));
     return false;
 }
 
@@ -138,8 +145,8 @@ static void handle_rotation(log_ctx *log, time_t now, const char *new_name) {
            static_cast<long>(now), static_cast<long>(rota.next_idx));
     time_t &slot = rota.tm[rota.next_idx];
     char oldest[ROTA_NAME_SIZE];
-    // Two rotations within a second share a name: the file of that stamp is the new one then.
-    if (slot != 0 && slot != now && mk_rota_name(log, slot, oldest)) {
+    if (slot != 0 &&
+        name_fits(snprintf(oldest, sizeof(oldest), "%s.%lu", log->name, static_cast<unsigned long>(slot)))) {
         if (unlink(oldest) != 0)
             LOG_TO(*log, LL_ERROR, "%s: unlink(%s) ERROR(%d) : %s\n", __func__, oldest, errno,
                    strerror(errno));
@@ -154,7 +161,7 @@ static void handle_rotation(log_ctx *log, time_t now, const char *new_name) {
 }
 
 static int refuse_rotation(const log_ctx *log) {
-    if (is_standard(log->fp)) {
+    if (log_is_standard(log->fp)) {
         fprintf(stderr, "%s: stdout and stderr cannot be rotated.\n", "log_rotate");
         return -1;
     }
@@ -174,7 +181,7 @@ int log_rotate(log_ctx *log) {
         return -1;
     time_t now = time(nullptr);
     char new_name[ROTA_NAME_SIZE];
-    if (!mk_rota_name(log, now, new_name))
+    if (!name_fits(mk_aside_name(log->name, &now, new_name, sizeof(new_name))))
         return -1;
     FILE *fp = log->fp;
     log->fp = nullptr;
@@ -224,7 +231,7 @@ void log_rotate_if_due(log_ctx *log) {
 
 void log_close(log_ctx *log) {
     FILE *fp = log->fp;
-    if (!fp || is_standard(fp))
+    if (!fp || log_is_standard(fp))
         return;
     log->fp = nullptr;
     int rc = log->is_pipe ? pclose(fp) : fclose(fp);

@@ -112,6 +112,8 @@ int rqs_init(const rqs_config *config) {
 }
 
 void rqs_destroy() {
+    if (g_ino.in_epoll)
+        rqs_rm_fd(g_ino.fd);
     if (g_ino.fd >= 0)
         W_close(__func__, g_ino.fd);
     g_ino.fd = -1;
@@ -323,6 +325,16 @@ static int map_watch(int wd, void *udata) {
     return rc;
 }
 
+// The inotify descriptor is a reader while there are watches.
+static bool watch_inotify() {
+    if (g_ino.in_epoll)
+        return true;
+    g_ino.in_epoll = rqs_add_reader(g_ino.fd, &g_ino) == 0;
+    if (g_ino.in_epoll)
+        LOG(LL_DEBUG, "inotify fd%d will be watched.\n", g_ino.fd);
+    return g_ino.in_epoll;
+}
+
 int rqs_add_file_watch(void *udata, const char *path) {
     int wd = inotify_add_watch(g_ino.fd, path, WATCH_MASK);
     if (wd < 0) {
@@ -335,9 +347,10 @@ int rqs_add_file_watch(void *udata, const char *path) {
         inotify_rm_watch(g_ino.fd, wd);
         return -1;
     }
-    if (g_ino.wfd_count == 0 && rqs_add_reader(g_ino.fd, &g_ino) == 0) {
-        g_ino.in_epoll = true;
-        LOG(LL_DEBUG, "inotify fd%d will be watched.\n", g_ino.fd);
+    if (!watch_inotify()) {
+        nkht_rm(g_ino.wfd_ht, static_cast<uint64_t>(wd), nullptr);
+        inotify_rm_watch(g_ino.fd, wd);
+        return -1;
     }
     ++g_ino.wfd_count;
     return wd;
@@ -471,7 +484,7 @@ static int wait4events(const sigset_t *outside) {
             LOG_FN(LL_DEBUG, "got %d events\n", n);
     }
     read_clock();
-    if (n > 0)
+    if (n >= 0)
         let_signals_in(outside);
     return err;
 }

@@ -117,7 +117,7 @@ int mk_timestr(const timespec &ts, uint32_t flags, char *buf, size_t size) {
     // The zone database is behind a lock in the C library: a signal handler must not wait for itself.
     static volatile bool is_busy = false;
     if (is_busy)
-        return -35;
+        return TIMESTR_BUSY;
     is_busy = true;
     int n = -1;
     if (const tm_cache *at = break_down(ts.tv_sec, flags & TF_GMT))

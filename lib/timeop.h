@@ -43,7 +43,8 @@ bool timed_out_real(const timespec &start, const timespec &span);
 bool timed_out_as(const timespec &start, const timespec &span, bool real, const timespec *now);
 
 // Formats `ts` by TF_ flags into `buf`; returns the characters written, -1 on failure (reported on
-// standard error), -35 when re-entered from a signal handler.
+// standard error), TIMESTR_BUSY when re-entered from a signal handler.
+inline constexpr int TIMESTR_BUSY = -35;
 int mk_timestr(const timespec &ts, uint32_t flags, char *buf, size_t size);
 
 // The inverse of mk_timestr for "%ld.%06ld ", "%Y-%m-%d %H:%M:%S " and the latter with ".%06ld ", each
