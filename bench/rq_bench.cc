@@ -1,0 +1,242 @@
+// Live playlist requests against the real daemon, and against a bare epoll server that answers every line
+// with the same text. Server and load share one core; rounds alternate between the two.
+#include "bench/daemon.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <sched.h>
+#include <sys/epoll.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+static constexpr char LIVE_LINE[] = "T1 LIV chan\n";
+static constexpr char EVENT_LINE[] = "T1 EVE chan 60 0\n";
+static constexpr int ROUNDS = 11;
+static constexpr double ROUND_SEC = 0.25;
+static constexpr int STUCK_MS = 5000;
+static constexpr int MAX_EVENTS = 256;
+
+// --- the floor ---
+
+static void watch(int ep, int fd) {
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.fd = fd;
+    if (epoll_ctl(ep, EPOLL_CTL_ADD, fd, &ev) != 0)
+        give_up("epoll_ctl");
+}
+
+[[noreturn]] static void serve_bare(int listener, const std::string &answer) {
+    int ep = epoll_create1(EPOLL_CLOEXEC);
+    watch(ep, listener);
+    epoll_event events[MAX_EVENTS];
+    char buf[256];
+    for (;;) {
+        int n = epoll_wait(ep, events, MAX_EVENTS, -1);
+        for (int i = 0; i < n; ++i) {
+            int fd = events[i].data.fd;
+            if (fd == listener) {
+                int client = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+                if (client >= 0)
+                    watch(ep, client);
+                continue;
+            }
+            ssize_t got = read(fd, buf, sizeof(buf));
+            if (got <= 0)
+                close(fd);
+            else if (memchr(buf, '\n', static_cast<size_t>(got)) &&
+                     write(fd, answer.data(), answer.size()) != static_cast<ssize_t>(answer.size()))
+                _exit(1);
+        }
+    }
+}
+
+static pid_t start_floor(const std::string &path, int core, const std::string &answer) {
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path.c_str());
+    int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (listener < 0 || bind(listener, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0 ||
+        listen(listener, 128) != 0)
+        give_up("floor listener");
+    pid_t pid = fork();
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        pin_to(core);
+        serve_bare(listener, answer);
+    }
+    close(listener);
+    return pid;
+}
+
+// --- the load ---
+
+static const char *g_line = LIVE_LINE;
+
+static void send_request(int fd) {
+    size_t len = strlen(g_line);
+    if (write(fd, g_line, len) != static_cast<ssize_t>(len))
+        give_up("request");
+}
+
+// True when the whole answer has arrived, which must be a playlist's.
+static bool take_answer(int fd) {
+    char buf[512];
+    ssize_t n = read(fd, buf, sizeof(buf));
+    if (n <= 0 || !memmem(buf, static_cast<size_t>(n), "M3U", 3))
+        give_up("answer");
+    return buf[n - 1] == '\n';
+}
+
+static void load_persistent(const std::vector<int> &fds, int ep, size_t count) {
+    epoll_event events[MAX_EVENTS];
+    size_t sent = 0;
+    size_t done = 0;
+    for (int fd : fds)
+        if (sent++ < count)
+            send_request(fd);
+    while (done < count) {
+        int n = epoll_wait(ep, events, MAX_EVENTS, STUCK_MS);
+        if (n <= 0)
+            give_up("no answers");
+        for (int i = 0; i < n; ++i) {
+            if (!take_answer(events[i].data.fd))
+                continue;
+            ++done;
+            if (sent++ < count)
+                send_request(events[i].data.fd);
+        }
+    }
+}
+
+static void load_one_each(const std::string &path, size_t count) {
+    for (size_t i = 0; i < count; ++i) {
+        int fd = connect_to(path);
+        if (fd < 0)
+            give_up("connect");
+        send_request(fd);
+        while (!take_answer(fd)) {
+        }
+        close(fd);
+    }
+}
+
+struct round_result {
+    double wall; // seconds per request
+    double cpu;  // of the server
+};
+
+static double cpu_of(pid_t pid) {
+    clockid_t clock;
+    timespec used;
+    if (clock_getcpuclockid(pid, &clock) != 0 || clock_gettime(clock, &used) != 0)
+        give_up("the server's clock");
+    return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) * 1e-9;
+}
+
+// `conns` 0 = one connection for each request.
+static round_result run_round(const std::string &path, pid_t pid, size_t conns, size_t count) {
+    std::vector<int> fds;
+    int ep = epoll_create1(EPOLL_CLOEXEC);
+    for (size_t i = 0; i < conns; ++i) {
+        fds.push_back(connect_to(path));
+        watch(ep, fds.back());
+        ask(fds.back(), g_line);
+    }
+    double cpu = cpu_of(pid);
+    double wall = wall_sec();
+    if (conns > 0)
+        load_persistent(fds, ep, count);
+    else
+        load_one_each(path, count);
+    double n = static_cast<double>(count);
+    round_result result = {.wall = (wall_sec() - wall) / n, .cpu = (cpu_of(pid) - cpu) / n};
+    for (int fd : fds)
+        close(fd);
+    close(ep);
+    return result;
+}
+
+// --- the comparison ---
+
+struct server {
+    std::string path;
+    pid_t pid;
+};
+
+static void compare(const char *name, size_t conns, const server &daemon, const server &floor) {
+    size_t count = static_cast<size_t>(ROUND_SEC / run_round(floor.path, floor.pid, conns, 4000).wall);
+    run_round(daemon.path, daemon.pid, conns, count / 4);
+    std::vector<double> rate, cpu, daemon_rate, floor_rate, daemon_cpu, floor_cpu;
+    for (int i = 0; i < ROUNDS; ++i) {
+        round_result f = run_round(floor.path, floor.pid, conns, count);
+        round_result d = run_round(daemon.path, daemon.pid, conns, count);
+        rate.push_back(f.wall / d.wall);
+        cpu.push_back(d.cpu / f.cpu);
+        daemon_rate.push_back(1 / d.wall);
+        floor_rate.push_back(1 / f.wall);
+        daemon_cpu.push_back(d.cpu * 1e6);
+        floor_cpu.push_back(f.cpu * 1e6);
+    }
+    std::string title = std::string("requests/s, ") + name;
+    tell_ratio(title.c_str(), median(rate), 0.85, "%.0f / %.0f per s, %d rounds of %zu", median(daemon_rate),
+               median(floor_rate), ROUNDS, count);
+    title = std::string("processor time per request, ") + name;
+    tell_ratio(title.c_str(), median(cpu), -1.2, "%.2f / %.2f us of the server", median(daemon_cpu),
+               median(floor_cpu));
+}
+
+// Event requests found by their key against live ones, at the same daemon.
+static void compare_kinds(const server &daemon) {
+    std::vector<double> cpu, event_cpu, live_cpu;
+    for (int i = 0; i < ROUNDS; ++i) {
+        g_line = EVENT_LINE;
+        double event = run_round(daemon.path, daemon.pid, 16, 20000).cpu;
+        g_line = LIVE_LINE;
+        double live = run_round(daemon.path, daemon.pid, 16, 20000).cpu;
+        cpu.push_back(event / live);
+        event_cpu.push_back(event * 1e6);
+        live_cpu.push_back(live * 1e6);
+    }
+    tell_ratio("processor time, event by key / live, 16 connections", median(cpu), -1.1,
+               "%.2f / %.2f us of the server", median(event_cpu), median(live_cpu));
+}
+
+static int highest_core() {
+    cpu_set_t set;
+    sched_getaffinity(0, sizeof(set), &set);
+    int core = CPU_SETSIZE - 1;
+    while (core > 0 && !CPU_ISSET(core, &set))
+        --core;
+    return core;
+}
+
+int main(int argc, char **argv) {
+    int core = argc > 1 ? atoi(argv[1]) : highest_core();
+    temp_dir dir;
+    bench_daemon d;
+    daemon_start(&d, dir, core, " src_tmout_sec = 300;");
+    pin_to(core);
+    daemon_feed(&d, 20);
+    int fd = connect_to(d.pl_socket);
+    std::string answer = ask(fd, LIVE_LINE);
+    close(fd);
+    server daemon = {.path = d.pl_socket, .pid = d.pid};
+    server floor = {.path = dir / "floor.sock", .pid = 0};
+    floor.pid = start_floor(floor.path, core, answer);
+    tell_note("requests: server and load on core %d, answers of %zu bytes, log level info, no size checks\n",
+              core, answer.size());
+    compare("1 connection", 1, daemon, floor);
+    compare("16 connections", 16, daemon, floor);
+    compare("64 connections", 64, daemon, floor);
+    compare("one connection each", 0, daemon, floor);
+    compare_kinds(daemon);
+    end_child(floor.pid);
+    daemon_stop(&d);
+    return 0;
+}

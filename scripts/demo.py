@@ -1,0 +1,304 @@
+"""Plays the scenes of the demo and checks them:  demo.py [--keep] PROGRAM
+
+Everything lies in one temporary directory, which is removed at the end.
+"""
+import gzip
+import os
+import pathlib
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+
+from producer import BACKLOG_SEC, FPS, MAX_SEC, SEGMENT_SEC, SPEED
+
+CHANNEL = "tv"
+MAX_DATA_DIR = 63
+INTERRUPTS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
+CONFIG = """lum = {{
+    src_socket = "{root}/source.sock";
+    pl_socket = "{root}/playlist.sock";
+    data_dir = "{root}";
+    refresh_playlists = true;
+    log = {{ file = "{root}/lumo.log"; enable_syslog = false; }};
+    runtime = {{ quiet = true; enforce_core_dumps = false; }};
+}};
+"""
+
+
+class Failed(Exception):
+    pass
+
+
+class Playlist:
+    """One answer: its file's path and text."""
+
+    def __init__(self, kind, path):
+        self.path = pathlib.Path(path)
+        data = self.path.read_bytes()
+        self.text = (gzip.decompress(data) if kind == "gzip/M3U" else data).decode()
+        self.segments = re.findall(r"^(?!#)(.+)$", self.text, re.MULTILINE)
+        self.duration = sum(float(d) for d in re.findall(r"^#EXTINF:([\d.]+),", self.text, re.MULTILINE))
+        self.first = int(re.search(r"^#EXT-X-MEDIA-SEQUENCE:(\d+)$", self.text, re.MULTILINE)[1])
+        self.breaks = self.text.count("#EXT-X-DISCONTINUITY\n")
+        self.is_ended = self.text.endswith("#EXT-X-ENDLIST\n")
+
+    def show(self):
+        print("".join(f"  | {line}\n" for line in self.text.splitlines()), end="", flush=True)
+
+
+class Demo:
+    def __init__(self, program):
+        self.program = str(pathlib.Path(program).resolve())
+        self.root = pathlib.Path(tempfile.mkdtemp(prefix="lumo-demo-"))
+        self.media = self.root / CHANNEL
+        self.media.mkdir()
+        self.producers = {}
+        self.daemon = None
+        self.served = set()  # playlists whose lock files a front end keeps touching
+        self.checks = 0
+
+    # --- the parts ---
+
+    def start_daemon(self):
+        config = self.root / "lum.conf"
+        config.write_text(CONFIG.format(root=self.root))
+        self.daemon = subprocess.Popen([self.program, "-C", str(config), "-T"])
+        self.wait("the daemon's sockets", self.is_listening)
+
+    def is_listening(self):
+        with socket.socket(socket.AF_UNIX) as sock:
+            return sock.connect_ex(str(self.root / "playlist.sock")) == 0
+
+    def start_producer(self, role):
+        script = pathlib.Path(__file__).with_name("producer.py")
+        self.producers[role] = subprocess.Popen(
+            [sys.executable, str(script), role, str(self.root), CHANNEL], start_new_session=True)
+
+    def kill_producer(self, role):
+        producer = self.producers.pop(role)
+        os.killpg(producer.pid, signal.SIGKILL)
+        producer.wait()
+
+    def close(self):
+        for role in list(self.producers):
+            self.kill_producer(role)
+        if self.daemon and self.daemon.poll() is None:
+            self.daemon.kill()
+            self.daemon.wait()
+        shutil.rmtree(self.root)
+
+    # --- looking ---
+
+    def check(self, holds, text):
+        if not holds:
+            raise Failed(text)
+        self.checks += 1
+        print(f"  ok: {text}", flush=True)
+
+    def wait(self, what, holds, timeout=30):
+        end = time.monotonic() + timeout
+        while not holds():
+            if self.daemon.poll() is not None:
+                raise Failed(f"the daemon has ended with status {self.daemon.returncode}")
+            if ended := [r for r, p in self.producers.items() if p.poll() is not None]:
+                raise Failed(f"the {ended[0]} producer has ended")
+            if time.monotonic() > end:
+                raise Failed(f"waited {timeout} s for {what}")
+            self.touch_locks()
+            time.sleep(0.05)
+
+    def touch_locks(self):
+        for path in list(self.served):
+            try:
+                os.utime(f"{path}.alk")
+            except FileNotFoundError:
+                self.served.discard(path)
+
+    def manifest(self, role=""):
+        """The segment lines of the manifest, split into words."""
+        path = self.media / f"{CHANNEL}.manifest_live"
+        lines = path.read_text().splitlines() if path.exists() else []
+        rows = [line.split() for line in lines]
+        return [row for row in rows if len(row) == 8 and row[2].startswith(f"{CHANNEL}/{role}")]
+
+    def request(self, line):
+        with socket.socket(socket.AF_UNIX) as sock:
+            sock.settimeout(10)
+            sock.connect(str(self.root / "playlist.sock"))
+            sock.sendall(line.encode() + b"\n")
+            return sock.makefile().readline().rstrip("\n")
+
+    def ask(self, line):
+        print(f"  request: {line}", flush=True)
+        answer = self.request(line)
+        print(f"  answer:  {answer}", flush=True)
+        words = answer.split()
+        if len(words) != 3 or not words[1].endswith("/M3U"):
+            raise Failed(f"no playlist for {line}: {answer}")
+        playlist = Playlist(words[1], words[2])
+        self.served.add(words[2])
+        playlist.show()
+        return playlist
+
+    def play(self, path, duration, what):
+        """Decodes with every error fatal, and counts the pictures."""
+        frames = round(duration * FPS)
+        began = time.monotonic()
+        run = subprocess.run(
+            ["ffmpeg", "-nostdin", "-v", "error", "-xerror", "-err_detect", "explode", "-live_start_index", "0",
+             "-i", str(path), "-map", "0:v", "-map", "0:a", "-fps_mode", "passthrough",
+             "-frames:v", str(frames), "-progress", "pipe:1", "-f", "null", "-"],
+            capture_output=True, text=True, timeout=60)
+        decoded = int((re.findall(r"^frame=(\d+)$", run.stdout, re.MULTILINE) or ["0"])[-1])
+        if run.returncode != 0 or run.stderr:
+            raise Failed(f"ffmpeg cannot play {what} (status {run.returncode}): {run.stderr.strip()}")
+        # A stream's first segment counts the audio encoder's delay too, less than a picture.
+        self.check(frames - 1 <= decoded <= frames,
+                   f"ffmpeg plays {what} without an error: {decoded} pictures, {duration:.1f} s of media, "
+                   f"in {time.monotonic() - began:.1f} s")
+
+    def snapshot(self, playlist, name):
+        """A copy beside the segments that a player reads to its end."""
+        path = self.root / name
+        path.write_text(playlist.text if playlist.is_ended else playlist.text + "#EXT-X-ENDLIST\n")
+        return path
+
+    # --- the scenes ---
+
+    def live_and_vod(self):
+        print(f"\n== Live and on demand: a source of {SEGMENT_SEC} s segments keeps {MAX_SEC} s; the first "
+              f"{BACKLOG_SEC} s are made at {SPEED} times real time", flush=True)
+        self.start_producer("main")
+        self.wait("8 segments", lambda: len(self.manifest()) >= 8)
+        oldest = self.root / self.manifest()[0][2]
+        live = self.ask(f"T1 LIV {CHANNEL}")
+        self.check(oldest.exists(), f"the oldest segment's file is there: {oldest}")
+        self.check(not live.is_ended and len(live.segments) <= 7, "a live playlist of the newest segments")
+        seen = len(self.manifest())
+        self.wait("more segments", lambda: len(self.manifest()) >= seen + 4)
+        later = self.ask(f"T2 LIV {CHANNEL}")
+        self.check(later.path == live.path and later.first > live.first,
+                   f"the same playlist has moved on from segment {live.first} to {later.first}")
+        self.wait("the old segment's file to disappear", lambda: not oldest.exists())
+        self.check(not oldest.exists(), f"the oldest segment's file has been deleted: {oldest}")
+        self.wait("the recording to catch up", lambda: len(self.manifest()) >= BACKLOG_SEC // SEGMENT_SEC)
+        self.start_producer("backup")
+        vod = self.ask(f"T3 VOD {CHANNEL}")
+        self.check(vod.is_ended and MAX_SEC - SEGMENT_SEC < vod.duration < MAX_SEC + 0.01,
+                   f"all that is kept, {vod.duration:.1f} of at most {MAX_SEC} s, as a finished playlist")
+        self.play(self.snapshot(vod, "vod.m3u8"), vod.duration, "the VOD playlist from beginning to end")
+        return live.path
+
+    def time_shift(self):
+        print("\n== Time shift: the stream as it was 20 seconds ago", flush=True)
+        then = int(time.time()) - 20
+        event = self.ask(f"T4 EVE {CHANNEL} -20")
+        at = [row[2] for row in self.manifest() if int(row[3]) <= then][-1]
+        self.check(at in event.segments[:-1], f"the segment of that moment is in it: {at}")
+        self.play(self.snapshot(event, "event.m3u8"), event.duration, "the event playlist")
+
+    def stand_in(self, live_path):
+        print(f"\n== Stand-in: the main producer is killed, ~{CHANNEL} takes over", flush=True)
+        begun = len(self.manifest("main"))
+        unfinished = self.media / f"main-{begun + 1:04d}.ts"
+        self.wait("a segment half written", lambda: unfinished.exists() and unfinished.stat().st_size > 0)
+        self.kill_producer("main")
+        print(f"  killed in {unfinished.name}, {unfinished.stat().st_size} bytes written", flush=True)
+        self.wait("two segments of the stand-in", lambda: len(self.manifest("backup")) >= 2)
+        live = self.ask(f"T5 LIV {CHANNEL}")
+        roles = [path.removeprefix(f"{CHANNEL}/").split("-")[0] for path in live.segments]
+        self.check(live.path == live_path, "the same live playlist goes on")
+        self.check(live.breaks == 1 and roles == sorted(roles, reverse=True) and len(set(roles)) == 2,
+                   f"with one discontinuity: {roles.count('main')} segments of the main producer, then "
+                   f"{roles.count('backup')} of the stand-in")
+        self.play(live.path, live.duration, "the live playlist across the discontinuity")
+
+    def restart(self):
+        print("\n== Restart: the daemon is killed and imports the manifest", flush=True)
+        before = self.ask(f"T6 VOD {CHANNEL}")
+        self.daemon.kill()
+        self.daemon.wait()
+        print(f"  killed with SIGKILL, {len(before.segments)} segments were in the books", flush=True)
+        self.start_daemon()
+        self.wait("the source to return", lambda: "ERROR" not in self.request(f"T0 LIV {CHANNEL}"))
+        after = self.ask(f"T7 VOD {CHANNEL}")
+        # At the old end, and only there, what has meanwhile passed the playback length is missing.
+        gone = next((i for i, path in enumerate(before.segments) if path in after.segments), len(before.segments))
+        starts = {row[2]: int(row[3]) for row in self.manifest()}
+        is_past = all(time.time() - starts[path] > MAX_SEC for path in before.segments[:gone])
+        kept = before.segments[gone:]
+        self.check(kept and after.segments[:len(kept)] == kept
+                   and (is_past or after.duration > MAX_SEC - SEGMENT_SEC),
+                   f"the VOD playlist is complete again: {len(after.segments)} segments, "
+                   f"{gone} of the old ones meanwhile past {MAX_SEC} s")
+        self.check(after.breaks >= 1, "the break between the two producers is still in it")
+        self.play(self.snapshot(after, "after.m3u8"), after.duration, "the VOD playlist of the restarted daemon")
+
+    def stop(self):
+        print("\n== Stop", flush=True)
+        for role in list(self.producers):
+            self.kill_producer(role)
+        self.daemon.terminate()
+        self.check(self.daemon.wait(10) == 0, "the daemon ends with status 0 when asked to")
+
+    def scenes(self):
+        if len(str(self.root)) > MAX_DATA_DIR:
+            raise Failed(f"the temporary directory's name is too long for a source: {self.root}")
+        self.start_daemon()
+        live_path = self.live_and_vod()
+        self.time_shift()
+        self.stand_in(live_path)
+        self.restart()
+
+    def keep(self):
+        sock = self.root / "playlist.sock"
+        print("\n== Running until interrupted. Ask for playlists:", flush=True)
+        for request in (f"T9 LIV {CHANNEL}", f"T9 VOD {CHANNEL}", f"T9 EVE {CHANNEL} -20"):
+            print(f"  echo '{request}' | socat -t1 - UNIX-CONNECT:{sock}")
+        print("The answer names the playlist file; read a gzip/M3U one with zcat, and touch FILE.alk at least\n"
+              f"every 20 seconds to keep it. Segments: {self.media}  Log: {self.root}/lumo.log", flush=True)
+        while True:
+            self.wait("ever", lambda: False, timeout=float("inf"))
+
+
+def on_interrupt(_signo, _frame):
+    for signo in INTERRUPTS:
+        signal.signal(signo, signal.SIG_IGN)  # the cleaning up is not interrupted
+    raise KeyboardInterrupt
+
+
+def main():
+    if len(sys.argv) < 2 or sys.argv[1:-1] not in ([], ["--keep"]):
+        sys.exit("usage: demo.py [--keep] PROGRAM")
+    for signo in INTERRUPTS:
+        signal.signal(signo, on_interrupt)
+    began = time.monotonic()
+    is_kept = sys.argv[1] == "--keep"
+    demo = Demo(sys.argv[-1])
+    try:
+        demo.scenes()
+        if is_kept:
+            demo.keep()
+        demo.stop()
+    except KeyboardInterrupt:
+        print("\ndemo: interrupted", flush=True)
+        return 0 if is_kept else 130
+    except (Failed, OSError, subprocess.SubprocessError) as fault:
+        log = demo.root / "lumo.log"
+        tail = log.read_text(errors="replace").splitlines()[-20:] if log.exists() else []
+        print("\n".join(["", *tail, f"demo: FAILED: {fault}"]), file=sys.stderr)
+        return 1
+    finally:
+        demo.close()
+    print(f"demo: shown on real media: live and on-demand playlists, an old segment deleted, time shift, a "
+          f"stand-in's take-over and a restart; {demo.checks} checks held in {time.monotonic() - began:.0f} s")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

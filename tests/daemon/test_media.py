@@ -1,0 +1,84 @@
+"""Real MPEG-TS segments made by ffmpeg; the playlists are read back and decoded."""
+import gzip
+import json
+import os
+import re
+import shutil
+import subprocess
+
+import pytest
+
+from harness import Segment
+
+pytestmark = pytest.mark.skipif(not (shutil.which("ffmpeg") and shutil.which("ffprobe")), reason="needs ffmpeg")
+FPS, SEGMENTS, SEC = 25, 6, 2
+
+@pytest.fixture(scope="module")
+def media(tmp_path_factory):
+    """Segment files with their durations and time stamps."""
+    room = tmp_path_factory.mktemp("media")
+    subprocess.run(["ffmpeg", "-v", "error", "-f", "lavfi", "-i", f"testsrc=size=160x120:rate={FPS}", "-f", "lavfi", "-i",
+                    "sine=frequency=440", "-t", str(SEGMENTS * SEC), "-c:v", "mpeg2video", "-g", str(FPS), "-bf", "0", "-c:a",
+                    "mp2", "-f", "hls", "-hls_time", str(SEC), "-hls_list_size", "0", "-hls_segment_filename", "s%d.ts", "list.m3u8"],
+                   check=True, cwd=room, timeout=120, stdin=subprocess.DEVNULL)
+    durations = [float(dur) for dur in re.findall(r"#EXTINF:([\d.]+),", (room / "list.m3u8").read_text())]
+    return [(str(room / f"s{n}.ts"), dur, (n + 1) * SEC * 90000) for n, dur in enumerate(durations)]
+
+def feed(d, src, media, start):
+    segs = []
+    for n, (file, dur, pts) in enumerate(media):
+        path = f"{src.dirname}/v{len(segs) + start}.ts"
+        seg = Segment(path, src.next_start + n * SEC, round(dur, 6), os.path.join(d.data, path))
+        shutil.copy(file, seg.full)
+        src.send(seg.line(pts=pts) + "\n")
+        src.wait(path)
+        segs.append(seg)
+    return segs
+
+def run(*args, cwd=None):
+    done = subprocess.run(args, capture_output=True, text=True, timeout=120, cwd=cwd, stdin=subprocess.DEVNULL)
+    assert done.returncode == 0 and done.stderr == "", done.stderr
+    return done.stdout
+
+def probe(path):
+    return json.loads(run("ffprobe", "-v", "error", "-of", "json", "-show_format", "-show_streams", path))
+
+def plain(reply):
+    """The playlist as a text file beside its compressed form."""
+    path = reply.path.replace(".m3u8", "-plain.m3u8")
+    with open(reply.path, "rb") as packed, open(path, "wb") as out:
+        out.write(gzip.decompress(packed.read()))
+    return path
+
+def test_playlists_are_read_and_decoded(lumo, media):
+    assert len(media) == SEGMENTS
+    d = lumo(max_live_items=4)
+    src = d.source()
+    segs = feed(d, src, media, 0)
+    for reply in (d.ask("T1 LIV chan"), d.ask(f"T1 EVE chan {segs[1].start} 0")):
+        path = reply.path if reply.form == "text" else plain(reply)
+        info = probe(path)
+        assert info["format"]["format_name"] == "hls"
+        assert {stream["codec_name"] for stream in info["streams"]} == {"mpeg2video", "mp2"}
+    vod = plain(d.ask("T1 VOD chan"))
+    assert abs(float(probe(vod)["format"]["duration"]) - SEGMENTS * SEC) < 0.5
+    assert run("ffmpeg", "-v", "error", "-xerror", "-i", vod, "-f", "null", "-") == ""
+    frames = run("ffprobe", "-v", "error", "-count_frames", "-select_streams", "v:0", "-show_entries", "stream=nb_read_frames",
+                 "-of", "csv=p=0", vod)
+    assert int(frames.split()[0].strip(",")) == FPS * SEC * SEGMENTS
+    event = plain(d.ask(f"T1 EVE chan {segs[1].start} {2 * SEC}"))
+    assert abs(float(probe(event)["format"]["duration"]) - 2 * SEC) < 0.5
+
+def test_two_periods_are_decoded(lumo, media):
+    """Time stamps start anew behind a discontinuity."""
+    d = lumo()
+    src = d.source()
+    feed(d, src, media, 0)
+    src.cut()
+    src.next_start += SEGMENTS * SEC
+    feed(d, src, media, SEGMENTS)
+    vod = plain(d.ask("T1 VOD chan"))
+    assert abs(float(probe(vod)["format"]["duration"]) - 2 * SEGMENTS * SEC) < 0.5
+    packets = run("ffprobe", "-v", "error", "-count_packets", "-select_streams", "v:0", "-show_entries",
+                  "stream=nb_read_packets", "-of", "csv=p=0", vod)
+    assert int(packets.split()[0].strip(",")) == 2 * FPS * SEC * SEGMENTS

@@ -1,0 +1,73 @@
+"""Meta-data reports over UDP."""
+import signal
+import socket
+
+import pytest
+
+from harness import LIMIT
+
+@pytest.fixture
+def listener():
+    sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    sock.bind(("127.0.0.1", 0))
+    sock.settimeout(LIMIT)
+    yield sock
+    sock.close()
+
+def settings(sock, **extra):
+    lid = {"prefix": "pfx", "min": 1, "max": 3}
+    lid.update(extra.pop("lid", {}))
+    return {"enabled": True, "pub_url": f"udp://127.0.0.1:{sock.getsockname()[1]}", "src_base": "base", "lid": lid, **extra}
+
+def reload(d, **md_report):
+    count = d.log_text().count("Configuration reloaded")
+    d.write_config(md_report=md_report)
+    d.proc.send_signal(signal.SIGHUP)
+    d.wait_log("Configuration reloaded", count=count + 1)
+
+def test_reports_and_their_ids(lumo, listener):
+    d = lumo(md_report=settings(listener))
+    src = d.source(params=f"max_sec=150 data_dir={d.data}")
+    for number in (2, 3, 1, 2, 3, 1):
+        seg, = src.feed(1)
+        assert listener.recv(2000).decode() == f"#!pfx-{number} /src/base/{seg.path}/dst/ {seg.start + 150} #EOM"
+    bad = src.segment()
+    src.send(bad.line(size=1) + "\n")
+    d.wait_log("mismatch")
+    seg, = src.feed(1)
+    assert f"/{seg.path}/" in listener.recv(2000).decode()
+
+def test_reload_changes_reports(lumo, listener):
+    d = lumo(md_report=settings(listener))
+    src = d.source()
+    src.feed(1)
+    assert listener.recv(2000).startswith(b"#!pfx-2 /src/base/")
+    reload(d, **settings(listener, lid={"prefix": "new", "min": 10, "max": 11}, src_base="other"))
+    src.feed(3)
+    assert [listener.recv(2000)[:22] for _ in range(3)] == [b"#!new-%d /src/other/ch" % n for n in (11, 10, 11)]
+    reload(d, enabled=False)
+    src.feed(1)
+    reload(d, enabled=True)
+    seg, = src.feed(1)
+    assert f"/{seg.path}/" in listener.recv(2000).decode()
+
+def test_reload_enables_reports_without_a_reporter(lumo, listener):
+    d = lumo()
+    src = d.source()
+    src.feed(1)
+    reload(d, **settings(listener))
+    src.feed(2)
+    d.is_answering()
+    listener.setblocking(False)
+    with pytest.raises(BlockingIOError):
+        listener.recv(2000)
+
+@pytest.mark.parametrize("url", ["tcp://127.0.0.1:80", "file:///tmp/x", "http://127.0.0.1:80/", "udp://", "udp://127.0.0.1",
+                                 "udp://127.0.0.1:port", "udp://127.0.0.1:99999", "udp:/127.0.0.1:80", "127.0.0.1:80",
+                                 "udp://no.such.host.invalid:80"])
+def test_bad_urls_refuse_the_start(make, listener, url):
+    d = make(md_report=settings(listener, pub_url=url))
+    text = d.refuse()
+    assert f"mdr_open: cannot open [{url}]\n" in text
+    assert (f"mdr_open: non-UDP URLs not supported [{url}]\n" in text) == (not url.startswith("udp://"))
+    assert "EXIT(1)" in text

@@ -1,0 +1,112 @@
+"""The shared-memory log ring and the program that prints it."""
+import glob
+import os
+import re
+import subprocess
+
+import pytest
+
+from harness import LIMIT, RING
+
+NAME = f"lumo-test-{os.getpid()}"
+
+@pytest.fixture(autouse=True)
+def clean_ring():
+    yield
+    for name in glob.glob(f"/dev/shm/{NAME}.*"):
+        os.unlink(name)
+
+def ring(*args):
+    return subprocess.run([RING, *args], capture_output=True, text=True, timeout=LIMIT, errors="replace")
+
+def status():
+    done = ring("--status", NAME)
+    assert done.returncode == 0 and done.stderr == ""
+    return dict(line.split(": ") for line in done.stdout.splitlines())
+
+def follow(d):
+    proc = subprocess.Popen([RING, "--follow", NAME], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    assert re.search(r"\(NRM\)  LUM  .*STARTING\. PID=\d+", "".join(iter(lambda: _line_with(proc, "Entering"), "")))
+    d.is_answering()
+    assert "no-such-source" in _line_with(proc, "source not found")
+    return proc
+
+def _line_with(proc, word):
+    """What arrives up to the line with a word, once; then nothing."""
+    seen = getattr(proc, "seen", set())
+    if word in seen:
+        return ""
+    proc.seen = seen | {word}
+    text = ""
+    while word not in text:
+        line = proc.stdout.readline()
+        assert line, text
+        text += line
+    return text
+
+def test_printing_and_status(make):
+    d = make(log={"level": "info", "ring": NAME, "ring_pages": 16}).start()
+    d.is_answering()
+    text = ring(NAME).stdout
+    assert "STARTING. PID=" in text and "(DBG)" in text and "source not found" in text
+    assert all(line in text for line in d.log_text().splitlines() if line.endswith(("STARTING", "[source not found]")))
+    state = status()
+    page = os.sysconf("SC_PAGE_SIZE")
+    assert (state["owner"], state["alive"], state["closed"]) == (str(d.pid), "yes", "no")
+    assert int(state["size"]) == 16 * page and 0 < int(state["kept"]) <= 16 * page
+    assert float(state["age"]) < LIMIT and int(state["temperature"]) >= 3
+    for _ in range(200):
+        d.is_answering()
+    assert int(status()["kept"]) == 16 * page
+    lines = ring(NAME).stdout.splitlines()
+    assert len(lines) > 100 and all("  LUM  " in line for line in lines if line), lines
+    assert int(status()["temperature"]) > 0
+    d.stop()
+    state = status()
+    assert (state["alive"], state["closed"]) == ("no", "yes")
+    assert "EXIT(0)" in ring(NAME).stdout.splitlines()[-1]
+
+def test_follow_until_the_owner_closes(lumo):
+    d = lumo(log={"ring": NAME})
+    proc = follow(d)
+    d.stop()
+    out, err = proc.communicate(timeout=LIMIT)
+    assert proc.returncode == 0 and err == "" and "EXIT(0)" in out
+
+def test_follow_until_the_owner_is_killed(lumo):
+    d = lumo(log={"ring": NAME})
+    proc = follow(d)
+    pid = d.pid
+    d.kill()
+    out, err = proc.communicate(timeout=LIMIT)
+    assert proc.returncode == 0 and err == f"lumo-ring: the owner of ring [{NAME}], process {pid}, is gone without closing it\n"
+    assert status()["alive"] == "no" and "STARTING" in ring(NAME).stdout
+    d.start()
+    assert status()["owner"] == str(d.pid)
+
+def test_follow_a_busy_owner(lumo):
+    d = lumo(log={"ring": NAME, "ring_pages": 4})
+    proc = subprocess.Popen([RING, "-f", NAME], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, errors="replace")
+    client = d.client()
+    for n in range(400):
+        client.send(f"T1 XYZ n{n}\n")
+        if n % 20 == 0:
+            d.is_answering()
+    d.is_answering()
+    d.stop()
+    out, err = proc.communicate(timeout=LIMIT)
+    assert proc.returncode == 0 and "EXIT(0)" in out
+    assert set(err.splitlines()) <= {"lumo-ring: the writer was faster, records were lost"}
+
+@pytest.mark.parametrize("args, code", [([NAME], 1), ([], 2), (["--bogus", NAME], 2), ([NAME, NAME], 2), (["--help"], 0),
+                                        (["-s", "a/b"], 1), (["--status", NAME], 1), (["n" * 300], 1)])
+def test_usage(args, code):
+    done = ring(*args)
+    assert done.returncode == code and (done.stdout if code == 0 else done.stderr)
+    assert ("usage: lumo-ring" in done.stdout + done.stderr) == (code != 1)
+
+@pytest.mark.parametrize("settings, message", [
+    ({"ring_pages": 3}, "lum.log.ring_pages=3 is out of range [4..65536]"), ({"ring_pages": 65537}, "is out of range [4..65536]"),
+    ({"ring": "a/b"}, "cannot make the log ring [a/b] of 64 pages"), ({"ring": "r" * 64}, "value is too long (64), max = 63")])
+def test_bad_rings_refuse_the_start(make, settings, message):
+    assert message in make(log={"ring": NAME, **settings}).refuse()

@@ -1,0 +1,56 @@
+#include "lib/tmout.h"
+
+#include "tests/capture.h"
+
+#include <climits>
+
+TEST(Tmout, FirstValueWinsAndTheMinimumFollows) {
+    LogCapture log;
+    init_timeout_registry();
+    EXPECT_EQ(get_min_timeout(), MIN_TIMER_VAL);
+    EXPECT_EQ(MIN_TIMER_VAL, -9999);
+    enum op { SET, RM };
+    struct {
+        op what;
+        int index;
+        int64_t val, kept, min;
+    } steps[] = {{SET, TMO_URQ, 3000, 3000, 3000},
+                 {SET, TMO_URQ, 10, 3000, 3000}, // only counts
+                 {SET, TMO_SRC, 30000, 30000, 3000},
+                 {SET, 31, 0, 0, 0},
+                 {SET, 0, 5, 5, 0},
+                 {RM, TMO_URQ, 0, 3000, 0},
+                 {RM, 31, 0, 0, 5},
+                 {RM, 0, 0, 0, 3000},
+                 {RM, TMO_URQ, 0, 0, 30000},
+                 {RM, TMO_URQ, 0, 0, 30000}, // nobody left there
+                 {SET, TMO_URQ, 10, 10, 10}, // a first registrant again
+                 {SET, 3, INT64_MAX - 1, INT64_MAX - 1, 10},
+                 {RM, TMO_SRC, 0, 0, 10}, // not the smallest
+                 {RM, TMO_URQ, 0, 0, INT64_MAX - 1},
+                 {RM, 3, 0, 0, MIN_TIMER_VAL},
+                 {SET, 3, MIN_TIMER_VAL, MIN_TIMER_VAL, MIN_TIMER_VAL},
+                 {RM, 3, 0, 0, MIN_TIMER_VAL}};
+    for (size_t i = 0; i < std::size(steps); ++i) {
+        auto &s = steps[i];
+        s.what == SET ? set_timeout(s.index, s.val) : rm_timeout(s.index);
+        EXPECT_EQ(get_timeout(s.index), s.kept) << "step " << i;
+        EXPECT_EQ(get_min_timeout(), s.min) << "step " << i;
+    }
+    EXPECT_TRUE(log.has("(DBG)  reg_set_timeout: timeout[1] lk=2 val=3000, min_val=3000\n"));
+    EXPECT_TRUE(log.has("(DBG)  reg_rm_timeout: timeout[1] lk=1\n"));
+    EXPECT_TRUE(log.has("(DBG)  reg_rm_timeout: picked rec[0] val=5, lk=1\n"));
+}
+
+TEST(Tmout, RegistriesAreApartAndGuarded) {
+    tmout_registry reg;
+    reg_init_timeout(&reg);
+    init_timeout_registry();
+    reg_set_timeout(&reg, 5, 77);
+    EXPECT_EQ(reg_min_timeout(&reg), 77);
+    EXPECT_EQ(reg_get_timeout(&reg, 5), 77);
+    EXPECT_EQ(get_min_timeout(), MIN_TIMER_VAL);
+    EXPECT_DEATH(reg_set_timeout(&reg, 32, 1), "index >= 0");
+    EXPECT_DEATH(reg_rm_timeout(&reg, -1), "index >= 0");
+    EXPECT_DEATH(reg_set_timeout(&reg, 1, MIN_TIMER_VAL - 1), "val >= MIN_TIMER_VAL");
+}
