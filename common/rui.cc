@@ -271,20 +271,23 @@ static bool take_connection(rui_socket_ctx *srv, int fd, const sockaddr *addr, s
     return false;
 }
 
+enum accept_step { ACC_AGAIN, ACC_END, ACC_FAILED };
+
 // Out of descriptors: gives up the spare one for the moment it takes to accept the connection and close it,
 // since a connection that stays pending would wake the loop for ever.
-static bool shed_connection(rui_socket_ctx *srv) {
+static accept_step shed_connection(rui_socket_ctx *srv) {
     if (g_spare_fd >= 0)
         close(g_spare_fd);
     int fd = accept(srv->sockfd, nullptr, nullptr);
+    int err = errno;
     if (fd >= 0)
         close(fd);
     g_spare_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return err == EAGAIN ? ACC_END : ACC_FAILED; // nothing was pending: the number comes first
     LOG_FN(LL_WARN, "[%s] out of descriptors, connection shed\n", srv->lc->alias);
-    return fd >= 0;
+    return ACC_AGAIN;
 }
-
-enum accept_step { ACC_AGAIN, ACC_END, ACC_FAILED };
 
 // What a failed accept means for the loop.
 static accept_step on_accept_failure(rui_socket_ctx *srv, int err) {
@@ -300,7 +303,7 @@ static accept_step on_accept_failure(rui_socket_ctx *srv, int err) {
         return ACC_AGAIN;
     case EMFILE:
     case ENFILE:
-        return shed_connection(srv) ? ACC_AGAIN : ACC_FAILED;
+        return shed_connection(srv);
     default:
         return ACC_FAILED;
     }

@@ -145,7 +145,8 @@ static void handle_rotation(log_ctx *log, time_t now, const char *new_name) {
            static_cast<long>(now), static_cast<long>(rota.next_idx));
     time_t &slot = rota.tm[rota.next_idx];
     char oldest[ROTA_NAME_SIZE];
-    if (slot != 0 &&
+    // A name that is free again may be the new file's.
+    if (slot != 0 && slot != now &&
         name_fits(snprintf(oldest, sizeof(oldest), "%s.%lu", log->name, static_cast<unsigned long>(slot)))) {
         if (unlink(oldest) != 0)
             LOG_TO(*log, LL_ERROR, "%s: unlink(%s) ERROR(%d) : %s\n", __func__, oldest, errno,

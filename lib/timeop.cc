@@ -229,16 +229,11 @@ void calc_timespan(const timespec &a, const timespec &b, timespec *out) {
 }
 
 int mk_timespan(long seconds, char *buf, size_t size) {
-    long days = seconds / 86400;
+    char days[32] = "";
+    if (seconds >= 86400)
+        snprintf(days, sizeof(days), "%02ldd ", seconds / 86400);
     long rest = seconds % 86400;
-    int n = 0;
-    if (days > 0) {
-        n = snprintf(buf, size, "%02ldd ", days);
-        if (n < 0 || static_cast<size_t>(n) >= size)
-            return n;
-    }
-    return n + snprintf(buf + n, size - static_cast<size_t>(n), "%02ldh:%02ldm:%02lds", rest / 3600,
-                        rest % 3600 / 60, rest % 60);
+    return snprintf(buf, size, "%s%02ldh:%02ldm:%02lds", days, rest / 3600, rest % 3600 / 60, rest % 60);
 }
 
 void set_tspan(tspan *span, uint32_t mode, uint32_t value) {
