@@ -131,6 +131,15 @@ static int fill_segment(const pl_source *src, const item_data *data, const pl_it
     return 0;
 }
 
+// Keeps the longest duration known as long as the list tells it without being walked.
+static void note_added(pl_source *src, double sec) {
+    longest_item &longest = src->longest;
+    if (dlep_count(src->items) == 1 || (longest.count > 0 && sec > longest.sec))
+        longest = {.sec = sec, .count = 1};
+    else if (longest.count > 0 && sec == longest.sec)
+        ++longest.count;
+}
+
 static bool insert_item(pl_source *src, pl_item *item) {
     bool must_sort = src->manif.is_feeding && src->manif.must_sort;
     dlep_elem *in =
@@ -173,6 +182,7 @@ int add_seg(pl_source *src, const item_data *data) {
         return -1;
     }
     src->total_sec += item->duration;
+    note_added(src, item->duration);
     LOG(LL_INFO, "added %s [%s]/%f m%zu  channel[%s] %s\n", src->manif.is_feeding ? "MANIF" : "LIVE",
         item->le.tag.sym, item->duration, item->mseq, src->nametag, item->path ? item->path : "(null)");
     return trim(src);
@@ -201,6 +211,12 @@ void recycle_segfile(pl_source *src, pl_item *item) {
     LOG_FN(LL_DEBUG, "[%s] is next to recycle\n", src->rcy_fpath);
 }
 
+static void note_retired(pl_source *src, double sec) {
+    longest_item &longest = src->longest;
+    if (longest.count > 0 && sec == longest.sec)
+        --longest.count;
+}
+
 static void retire_oldest(pl_source *src) {
     dlep_elem *tail = dlep_rmtail(src->items);
     CHECK(tail);
@@ -212,6 +228,7 @@ static void retire_oldest(pl_source *src) {
             item->mseq, item->duration, src->total_sec);
         recycle_segfile(src, item);
     }
+    note_retired(src, item->duration);
     free_item(item);
 }
 

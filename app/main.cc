@@ -26,6 +26,7 @@
 LOG_UNIT(LOG_MOD_APP);
 
 static constexpr int HUP_WAIT_MS = 10;
+static constexpr int64_t CONFIG_LOOK_MS = 10; // between two looks at the configuration file
 static constexpr char FALLBACK_HOME[] = "/tmp";
 
 // --- event dispatch: the first word of every registered record is its type ---
@@ -180,8 +181,28 @@ static void toggle_debug() {
         LOG(LL_DEBUG, "%s: now all DEBUG messages will be recorded\n", "process_signals");
 }
 
+// Whether the configuration file was touched. A busy loop does not look in every pass; it registers the look
+// that it owes as a time-out, so that it comes when the traffic stops.
+static bool is_config_touched() {
+    static timespec last_look;
+    static bool is_owed = false;
+    timespec gap;
+    ms2timespec(CONFIG_LOOK_MS, &gap);
+    if (!timed_out(last_look, gap)) {
+        if (!is_owed)
+            set_timeout(TMO_CONFIG, CONFIG_LOOK_MS);
+        is_owed = true;
+        return false;
+    }
+    rqs_set_now(&last_look);
+    if (is_owed)
+        rm_timeout(TMO_CONFIG);
+    is_owed = false;
+    return chk_file_updated(g_cfg.config_path, &g_cfg.last_mtime);
+}
+
 static void process_signals() {
-    bool is_updated = chk_file_updated(g_cfg.config_path, &g_cfg.last_mtime);
+    bool is_updated = is_config_touched();
     if (g_hup || is_updated)
         reload_config();
     g_hup = 0;

@@ -21,7 +21,7 @@ LOG_UNIT(LOG_MOD_APP);
 
 static constexpr size_t NAME_LIMIT = MAX_PL_PATH - 1; // bytes of the name with its terminating zero
 static constexpr size_t TMP_LIMIT = MAX_PL_PATH + 8;
-static constexpr size_t CHUNK = 64 * 1024;       // written at once
+static constexpr size_t CHUNK = 256 * 1024;      // written at once
 static constexpr unsigned GZ_BUFFER = 32 * 1024; // smaller than a chunk: compressed straight from ours
 static constexpr size_t LINE_ROOM = 512;         // more than one item's lines can take
 static constexpr size_t MIN_IO_ITEMS = 10;
@@ -176,16 +176,30 @@ struct pl_totals {
     size_t items;        // in the window
 };
 
-static void measure_window(const pl_task *task, pl_totals *totals) {
-    double longest = 0;
+// Walks the window. Of a whole list the result is kept, so that the next playlist over it need not walk.
+static longest_item find_longest(const pl_task *task, size_t *items) {
+    longest_item longest{};
+    *items = 0;
     for (const pl_item *item = task->ifirst;; item = newer_item(item)) {
-        ++totals->items;
-        if (item->duration > longest)
-            longest = item->duration;
+        ++*items;
+        if (item->duration > longest.sec)
+            longest = {.sec = item->duration, .count = 1};
+        else if (item->duration == longest.sec)
+            ++longest.count;
         if (item == task->ilast || !item->le.next)
-            break;
+            return longest;
     }
-    double rounded = nearbyint(longest);
+}
+
+static void measure_window(const pl_task *task, pl_totals *totals) {
+    pl_source *src = task->src;
+    bool is_whole = task->ifirst == oldest_item(src) && task->ilast == newest_item(src);
+    totals->items = dlep_count(src->items);
+    longest_item longest =
+        is_whole && src->longest.count > 0 ? src->longest : find_longest(task, &totals->items);
+    if (is_whole)
+        src->longest = longest;
+    double rounded = nearbyint(longest.sec);
     unsigned max_duration = rounded < 1 ? 1 : rounded >= UINT_MAX ? UINT_MAX : static_cast<unsigned>(rounded);
     CHECK(max_duration > 0);
     totals->target_sec = max_duration;

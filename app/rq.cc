@@ -345,8 +345,6 @@ static int process_text(pl_urq *urq) {
 
 int urq_read(pl_urq *urq) {
     CHECK(urq->text_len < sizeof(urq->text));
-    if (urq->state.num == URQ_INI)
-        set_nblock(urq->rq.fd, true);
     urq_set_state(urq, URQ_RD);
     int rc = receive(urq);
     if (rc == 0)

@@ -259,9 +259,8 @@ static bool take_connection(rui_socket_ctx *srv, int fd, const sockaddr *addr, s
         const char *shown = saddr_str(addr, len, peer, sizeof(peer));
         LOG(LL_DEBUG, "Accepted %s request [fd=%d] from %s\n", alias, fd, shown ? shown : "?");
     }
-    int rc = set_nblock(fd, true);
-    if (rc == 0 && (addr->sa_family == AF_INET || addr->sa_family == AF_INET6))
-        rc = tune_ip_socket(fd, flags);
+    bool is_ip = addr->sa_family == AF_INET || addr->sa_family == AF_INET6;
+    int rc = is_ip ? tune_ip_socket(fd, flags) : 0;
     if (rc == 0)
         rc = rui_add_request(fd, srv, data);
     if (rc == 0)
@@ -322,7 +321,7 @@ int rui_accept(rui_socket_ctx *srv, size_t max_accept, int flags, void *data) {
             char room[128];
         } addr{};
         socklen_t len = sizeof(addr);
-        int fd = W_accept(__func__, srv->sockfd, &addr.sa, &len);
+        int fd = W_accept4(__func__, srv->sockfd, &addr.sa, &len, SOCK_NONBLOCK);
         if (fd >= 0) {
             if (take_connection(srv, fd, &addr.sa, len, flags, data))
                 ++accepted;

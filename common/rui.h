@@ -56,7 +56,7 @@ struct rui_rq_header {
 
 struct rui_socket_cb {
     n32_tag tag; // names the request family
-    // A record for an accepted socket, or null.
+    // A record for an accepted socket, which is non-blocking, or null.
     rui_rq_header *(*new_rq)(int fd, rui_socket_ctx *srv, void *data);
     void (*rm_rq)(rui_rq_header *rq);
     // True when the request has timed out and was handed to deferred removal.

@@ -258,8 +258,12 @@ static int stamp_time(const log_ctx *log) {
     }
     if (log->pid < 1)
         return 0;
-    char pid[32];
-    n = snprintf(pid, sizeof(pid), "%lu  ", static_cast<unsigned long>(log->pid));
+    static char pid[32];
+    static pid_t printed = 0;
+    if (printed != log->pid) {
+        n = snprintf(pid, sizeof(pid), "%lu  ", static_cast<unsigned long>(log->pid));
+        printed = log->pid;
+    }
     if (!append(pid)) {
         fprintf(stderr, "%s: pid buffer error (n=%d)", "logbuf_prepare", n);
         return -1;

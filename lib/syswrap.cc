@@ -168,12 +168,16 @@ int W_select(const char *caller, int nfds, fd_set *rd, fd_set *wr, fd_set *ex, t
     return rc;
 }
 
-int W_accept(const char *caller, int fd, sockaddr *addr, socklen_t *addrlen) {
-    int rc = accept(fd, addr, addrlen);
+int W_accept4(const char *caller, int fd, sockaddr *addr, socklen_t *addrlen, int flags) {
+    int rc = accept4(fd, addr, addrlen, flags);
     if (rc == -1 && !is_eagain(errno))
         FAILURE("accept(%d, %p, %ld)", fd, static_cast<void *>(addr),
                 addrlen ? static_cast<long>(*addrlen) : 0L);
     return rc;
+}
+
+int W_accept(const char *caller, int fd, sockaddr *addr, socklen_t *addrlen) {
+    return W_accept4(caller, fd, addr, addrlen, 0);
 }
 
 int W_poll(const char *caller, pollfd *fds, nfds_t nfds, int timeout_ms) {

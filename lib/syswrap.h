@@ -37,7 +37,9 @@ int W_getaddrinfo(const char *caller, const char *node, const char *service, con
 // EINTR is reported only at debug level.
 int W_select(const char *caller, int nfds, fd_set *rd, fd_set *wr, fd_set *ex, timeval *timeout);
 int W_accept(const char *caller, int fd, sockaddr *addr, socklen_t *addrlen); // EAGAIN is not reported
-int W_poll(const char *caller, pollfd *fds, nfds_t nfds, int timeout_ms);     // a time-out is a warning
+// The same with SOCK_NONBLOCK and the like for the new descriptor.
+int W_accept4(const char *caller, int fd, sockaddr *addr, socklen_t *addrlen, int flags);
+int W_poll(const char *caller, pollfd *fds, nfds_t nfds, int timeout_ms); // a time-out is a warning
 ssize_t W_sendfile_f(const char *caller, int out_fd, int in_fd, off_t *offset, size_t count, int flags);
 int W_dup2(const char *caller, int oldfd, int newfd);
 int W_pipe(const char *caller, int fds[2]);

@@ -71,22 +71,25 @@ bool timed_out_real(const timespec &start, const timespec &span) {
     return timed_out_as(start, span, true, nullptr);
 }
 
-// Broken-down time of the last second asked for: a busy log asks for the same second again and again.
-struct tm_cache {
+// The text of the last second asked for: a busy log asks for the same second again and again.
+struct second_text {
     bool is_valid = false;
     bool is_gmt = false;
     time_t sec = 0;
-    tm parts{};
+    char date[48] = ""; // "YYYY-MM-DD HH:MM:SS"
     char zone[16] = "";
 };
 
-static const tm_cache *break_down(time_t sec, bool is_gmt) {
-    static tm_cache cache;
+static const second_text *text_of_second(time_t sec, bool is_gmt) {
+    static second_text cache;
     if (cache.is_valid && cache.sec == sec && cache.is_gmt == is_gmt)
         return &cache;
     cache.is_valid = false;
-    if (!(is_gmt ? gmtime_r(&sec, &cache.parts) : localtime_r(&sec, &cache.parts)))
+    tm p{};
+    if (!(is_gmt ? gmtime_r(&sec, &p) : localtime_r(&sec, &p)))
         return nullptr;
+    snprintf(cache.date, sizeof(cache.date), "%04d-%02d-%02d %02d:%02d:%02d", p.tm_year + 1900, p.tm_mon + 1,
+             p.tm_mday, p.tm_hour, p.tm_min, p.tm_sec);
     get_timezone(sec, cache.zone, sizeof(cache.zone));
     cache.sec = sec;
     cache.is_gmt = is_gmt;
@@ -94,19 +97,31 @@ static const tm_cache *break_down(time_t sec, bool is_gmt) {
     return &cache;
 }
 
-static int print_date(const tm_cache &at, long nsec, uint32_t flags, char *buf, size_t size) {
-    const tm &p = at.parts;
-    char usec[32] = "";
-    if (!(flags & TF_NO_USEC))
-        snprintf(usec, sizeof(usec), ".%06ld", nsec / 1000);
-    int n = snprintf(buf, size, "%04d-%02d-%02d %02d:%02d:%02d%s%s", p.tm_year + 1900, p.tm_mon + 1,
-                     p.tm_mday, p.tm_hour, p.tm_min, p.tm_sec, usec, at.zone);
-    if (n < 0 || static_cast<size_t>(n) >= size) {
-        fprintf(stderr, "%s: timestamp buffer needs %d bytes, only %ld provided\n", "mk_timestr", n,
-                static_cast<long>(size));
+// ".%06ld"
+static size_t print_usec(long nsec, char (&out)[8]) {
+    long usec = nsec / 1000;
+    out[0] = '.';
+    for (int i = 6; i > 0; --i, usec /= 10)
+        out[i] = static_cast<char>('0' + usec % 10);
+    out[7] = '\0';
+    return 7;
+}
+
+static int print_date(const second_text &at, long nsec, uint32_t flags, char *buf, size_t size) {
+    char usec[8] = "";
+    const size_t date_len = strlen(at.date);
+    const size_t usec_len = flags & TF_NO_USEC ? 0 : print_usec(nsec, usec);
+    const size_t zone_len = strlen(at.zone);
+    const size_t n = date_len + usec_len + zone_len;
+    if (n >= size) {
+        fprintf(stderr, "%s: timestamp buffer needs %d bytes, only %ld provided\n", "mk_timestr",
+                static_cast<int>(n), static_cast<long>(size));
         return -1;
     }
-    return n;
+    memcpy(buf, at.date, date_len);
+    memcpy(buf + date_len, usec, usec_len);
+    memcpy(buf + date_len + usec_len, at.zone, zone_len + 1);
+    return static_cast<int>(n);
 }
 
 int mk_timestr(const timespec &ts, uint32_t flags, char *buf, size_t size) {
@@ -120,7 +135,7 @@ int mk_timestr(const timespec &ts, uint32_t flags, char *buf, size_t size) {
         return TIMESTR_BUSY;
     is_busy = true;
     int n = -1;
-    if (const tm_cache *at = break_down(ts.tv_sec, flags & TF_GMT))
+    if (const second_text *at = text_of_second(ts.tv_sec, flags & TF_GMT))
         n = print_date(*at, ts.tv_nsec, flags, buf, size);
     else
         perror("gmtime_r/localtime_r");

@@ -91,7 +91,7 @@ TEST_F(Adjust, NoWindowOutlivesItsItems) {
         EXPECT_NE(ask(lines[n]).find(files[n]), std::string::npos);
     }
     // One segment longer than the playback depth leaves nothing to list.
-    append(src, {101});
+    append(src, {1.1e-10f, 101}); // sums that rounding would leave a rest of
     EXPECT_EQ(dlep_count(src->items), 0u);
     EXPECT_EQ(src->total_sec, 0);
     EXPECT_EQ(src->live_idx, -1);
@@ -122,12 +122,14 @@ TEST_F(Adjust, WhichTasksGoWithTheOldestItem) {
         {"event", PL_EVE, false, 1000, nullptr, false, 0, 3, -1, 0},
         {"event behind the oldest", PL_EVE, false, 1000, nullptr, false, 1, 3, 1, 4},
         {"shared shift at the top", PL_EVE, true, 1000, nullptr, false, 0, 3, 1, 4},
-        {"shared shift below it", PL_EVE, true, 1000, nullptr, false, 2, 3, 2, 4},
+        {"shared shift below it", PL_EVE, true, 1000, nullptr, false, 1, 3, 1, 4},
         {"bound, short", PL_EVE, true, 1000, "p", false, 0, 3, 1, 4},
+        {"bound, longer than a live window", PL_EVE, true, 1000, "p", false, 1, 3, 2, 4},
         {"bound, below the top", PL_EVE, true, 1000, "p", false, 2, 3, 2, 4},
         {"finished", PL_EVE, true, 1000, nullptr, true, 0, 2, -2, 0},
         {"finished, behind the oldest", PL_EVE, true, 1000, nullptr, true, 1, 2, 1, 2},
     };
+    g_cfg.max_live_items = 3;
     for (const auto &one : cases) {
         SCOPED_TRACE(one.what);
         pl_source *src = source("c" + std::to_string(g_ctx.sources.len), "max_sec=100");

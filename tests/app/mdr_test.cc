@@ -17,12 +17,12 @@ class Mdr : public App {
         socklen_t len = sizeof(addr);
         ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&addr), len), 0);
         ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr *>(&addr), &len), 0);
-        spec.is_enabled = true;
-        snprintf(spec.url, sizeof(spec.url), "udp://127.0.0.1:%d", ntohs(addr.sin_port));
-        strcpy(spec.lid_pfx, "pfx");
-        strcpy(spec.src_base, "base");
-        spec.lid_min = 1;
-        spec.lid_max = 3;
+        wanted.is_enabled = true;
+        snprintf(wanted.url, sizeof(wanted.url), "udp://127.0.0.1:%d", ntohs(addr.sin_port));
+        strcpy(wanted.lid_pfx, "pfx");
+        strcpy(wanted.src_base, "base");
+        wanted.lid_min = 1;
+        wanted.lid_max = 3;
     }
     void TearDown() override {
         close(listener);
@@ -34,11 +34,11 @@ class Mdr : public App {
         return n < 0 ? "" : std::string(buf, static_cast<size_t>(n));
     }
     int listener = -1;
-    mdrep_cfg spec{};
+    mdrep_cfg wanted{};
 };
 
 TEST_F(Mdr, IdsCycleAndDatagramsAreWhole) {
-    mdr_t mdr = mdr_open(&spec);
+    mdr_t mdr = mdr_open(&wanted);
     ASSERT_TRUE(mdr);
     for (const char *id : {"2", "3", "1", "2", "3", "1"}) {
         EXPECT_EQ(mdr_send(mdr, "a/b.ts", 1700000000), 0);
@@ -52,7 +52,7 @@ TEST_F(Mdr, IdsCycleAndDatagramsAreWhole) {
     expect_logged("mdr_send: n=1400 is out of bounds\n");
     EXPECT_EQ(receive(), "");
     // Reloaded: ids of the new range, the address as it was.
-    mdrep_cfg next = spec;
+    mdrep_cfg next = wanted;
     strcpy(next.url, "udp://127.0.0.1:9");
     strcpy(next.lid_pfx, "new");
     next.lid_min = 10;
@@ -74,21 +74,21 @@ TEST_F(Mdr, UrlsThatAreRefused) {
                  {"/a/file", false},           {"udp://", true},
                  {"udp://127.0.0.1", true},    {"", false}};
     for (const auto &one : cases) {
-        strcpy(spec.url, one.url);
+        strcpy(wanted.url, one.url);
         take_log();
-        EXPECT_EQ(mdr_open(&spec), nullptr) << one.url;
-        const std::string log = take_log();
-        EXPECT_EQ(log.find("non-UDP URLs not supported [") == std::string::npos, one.is_datagram) << one.url;
+        EXPECT_EQ(mdr_open(&wanted), nullptr) << one.url;
+        const std::string text = take_log();
+        EXPECT_EQ(text.find("non-UDP URLs not supported [") == std::string::npos, one.is_datagram) << one.url;
     }
     // A context that cannot report does not start, and leaves nothing behind.
-    g_cfg.mdr = spec;
+    g_cfg.mdr = wanted;
     destroy_plum_ctx();
     EXPECT_EQ(init_plum_ctx(urq_callbacks()), -1);
     EXPECT_FALSE(g_ctx.is_ready || g_ctx.src_ht || g_ctx.sources.data);
 }
 
 TEST_F(Mdr, EverySegmentThatIsAcceptedIsReported) {
-    g_cfg.mdr = spec;
+    g_cfg.mdr = wanted;
     restart();
     pl_source *src = source("chan", "max_sec=100");
     feed(

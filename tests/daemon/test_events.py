@@ -91,6 +91,25 @@ def test_events_follow_the_feed(lumo, peer):
     d.is_answering()
     assert event.playlist.text == playlist.text
 
+def test_finished_events_outlive_their_segments(lumo):
+    """Such a task is found by its key, but no new range is taken for its own."""
+    d = lumo(log={"level": "debug"}, task_tmout_sec=1)
+    src = d.source(params=f"max_sec=100 data_dir={d.data}", start=1700000000)
+    segs = src.feed(10, dur=10.0)
+    line = f"T1 EVE chan {segs[0].start} 30"
+    event = d.ask(line)
+    text = event.playlist.text
+    assert event.playlist.is_ended and event.playlist.names == names(segs[:3])
+    for _ in range(12):
+        segs += src.feed(1, dur=10.0)
+        oldest = segs[-10]
+        assert d.ask(line).path == event.path and event.playlist.text == text
+        other = d.ask(f"T1 EVE chan {oldest.start} 30")
+        assert other.playlist.names == names(segs[-10:-7])
+    os.utime(event.path + ".alk", (0, 0))
+    until(lambda: not os.path.exists(event.path), "the task to expire", poke=d.poke)
+    assert d.ask(line).error == (404, "no data for the event")
+
 @pytest.mark.parametrize("size, at, rest, is_found", [
     (1, "{start}", "900", True), (1, "-600", "0", True), (7, "{start}", "900", True), (8, "{start}", "900", True),
     (9, "{start}", "900", False), (20, "{start}", "900", False), (20, "-600", "0", True), (48, "{start}", "900", False),

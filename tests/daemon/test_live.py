@@ -68,6 +68,17 @@ def test_retired_files_go_one_retirement_late(lumo):
     assert [seg.exists() for seg in segs[2:]] == [True] * 11
     assert d.ask("T3 VOD chan").playlist.names == names(segs[3:])
 
+def test_windows_over_the_whole_depth_move_on(lumo):
+    d = lumo(max_live_items=64)
+    src = d.source(params=f"max_sec=100 data_dir={d.data}")
+    segs = src.feed(10, dur=10.0)
+    lines = ("T1 LIV chan", f"T1 EVE chan {segs[0].start} 9000 peer=p")
+    paths = [d.ask(line).path for line in lines]
+    for _ in range(5):
+        segs += src.feed(1, dur=10.0)
+        assert [d.ask(line).path for line in lines] == paths
+        assert d.ask(lines[0]).playlist.names == names(segs[-10:])
+
 @pytest.mark.parametrize("refresh", [True, False])
 def test_refresh_playlists(lumo, refresh):
     d = lumo(refresh_playlists=refresh)

@@ -315,7 +315,7 @@ def test_log_level_from_the_command_line(make, level, tags):
     d = make(log={"level": "err"})
     d.start("-C", d.conf, "-L", level)
     src = d.source(wait=False)
-    assert d.ask("T1 LIV chan").error
+    until(lambda: d.ask("T1 LIV chan").error == (404, "no items"), "the source")
     src.send("SEGMENT: DISCONTINUITY\nnonsense\n")
     d.wait_log(r"\(ERR\).*invalid input")
     d.is_answering()
