@@ -43,6 +43,8 @@ static void advance_ifirst(pl_task *task) {
     if (reach.first == task->ifirst && reach.last != task->ifirst) {
         reach.first = next;
         reach.sec -= next->duration;
+    } else {
+        reach = {};
     }
     task->ifirst = next;
     LOG(LL_DEBUG, "%s: advancing ifirst to mseq=%zu\n", "adjust_task", next->mseq);

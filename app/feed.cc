@@ -6,6 +6,8 @@
 #include "app/task.h"
 #include "lib/check.h"
 #include "lib/log.h"
+#include "lib/strops.h"
+#include "lib/syswrap.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -42,7 +44,8 @@ static int process_line(pl_source *src, std::string_view line, int line_no) {
     // A reload may have turned reports on without a reporter, or off with one.
     if (g_cfg.mdr.is_enabled && g_ctx.mdr)
         mdr_send(g_ctx.mdr, data.path, seg_expiry_time(&src->param, data.start_tm));
-    src->last_item_tm = idle_clock();
+    // A backup that was taken over is to go, however much still arrives through it.
+    (src->master ? src->master : src)->last_item_tm = idle_clock();
     return 0;
 }
 
@@ -54,7 +57,11 @@ static char **partial_line(pl_source *src) {
 static void keep_partial(pl_source *src, std::string_view text) {
     char **tail = partial_line(src);
     free(*tail);
-    *tail = strndup(text.data(), text.size());
+    *tail = static_cast<char *>(W_calloc(__func__, 1, text.size() + 1));
+    if (!*tail)
+        return;
+    memcpy(*tail, text.data(), text.size());
+    spoil_zero_line(*tail, text.size());
 }
 
 static int process_buffer(pl_source *src, std::string_view text) {

@@ -1,10 +1,10 @@
 #include "app/item.h"
 
 #include "app/adjust.h"
-#include "app/pl_event.h"
 #include "lib/check.h"
 #include "lib/log.h"
 #include "lib/syswrap.h"
+#include "lib/timeop.h"
 #include "lib/util.h"
 
 #include <cerrno>
@@ -222,13 +222,15 @@ static void retire_oldest(pl_source *src) {
     CHECK(tail);
     pl_item *item = dlep_as<pl_item>(tail);
     if (is_segment(item)) {
-        // An empty list weighs nothing, whatever rounding has left over.
-        src->total_sec = newest_item(src) ? src->total_sec - item->duration : 0;
+        src->total_sec -= item->duration;
         LOG(LL_DEBUG, "%s: retiring [%s] (m%zu) %f sec, new-total=%f sec\n", "apply_src_changes", item->path,
             item->mseq, item->duration, src->total_sec);
         recycle_segfile(src, item);
     }
     note_retired(src, item->duration);
+    // An empty list weighs nothing, whatever rounding has left over.
+    if (!newest_item(src))
+        src->total_sec = 0;
     free_item(item);
 }
 

@@ -4,6 +4,7 @@
 #include "app/task.h"
 #include "lib/check.h"
 #include "lib/log.h"
+#include "lib/util.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -125,7 +126,7 @@ void read_manifest(pl_source *src) {
     int n = mk_manifest_path(&src->param, src->nametag, mpath, sizeof(mpath));
     CHECK(n < (ssize_t)sizeof(mpath));
     LOG_FN(LL_DEBUG, "trying for [%s]\n", mpath);
-    FILE *fp = fopen(mpath, "r");
+    FILE *fp = fopen_regular(mpath);
     if (!fp) {
         if (errno == ENOENT)
             LOG_FN(LL_DEBUG, "%s not found\n", mpath);

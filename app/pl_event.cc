@@ -5,6 +5,7 @@
 #include "app/task.h"
 #include "lib/check.h"
 #include "lib/log.h"
+#include "lib/timeop.h"
 
 #include <cerrno>
 #include <climits>
@@ -22,13 +23,6 @@ static constexpr size_t STORED_KEY_SIZE = 31;
 static constexpr size_t KEY_BLOCK = 8;
 
 // --- range helpers ---
-
-long add_seconds(long a, long b) {
-    long sum = 0;
-    if (__builtin_add_overflow(a, b, &sum))
-        return b > 0 ? LONG_MAX : LONG_MIN;
-    return sum;
-}
 
 static pl_item *newest_segment(const pl_source *src) {
     pl_item *item = newest_item(src);
@@ -287,6 +281,10 @@ static void weigh_request(event_rq *rq, const pl_urq *urq) {
             rq->duration);
         rq->duration = 0;
     }
+    if (rq->duration < 0) {
+        LOG(LL_WARN, "%s: negative duration=%ld, the event is open-ended\n", "get_event_pl", rq->duration);
+        rq->duration = 0;
+    }
     bool can_eot = false;
     if (rq->duration != 0) {
         time_t end = add_seconds(rq->timestamp, rq->duration);
@@ -354,8 +352,8 @@ static pl_task *match_or_make(const event_rq &rq, pl_urq *urq, const char **errm
 // Its key, and a playlist file for a task that lost it.
 static pl_task *settle_task(const event_rq &rq, pl_task *task, bool is_found_by_key, int *code) {
     CHECK(task->tag.num == PL_EVE);
-    if (!is_found_by_key && assoc_utime(task, rq.timestamp, rq.can_roll ? task->peer_tag : nullptr) != 0)
-        return nullptr;
+    if (!is_found_by_key)
+        assoc_utime(task, rq.timestamp, rq.can_roll ? task->peer_tag : nullptr);
     if (task->fpath[0] == '\0')
         *code = mk_playlist(task);
     return task;

@@ -20,8 +20,8 @@ pl_item *get_event_item(pl_source *src, long utime);
 
 // The task stored under a request's key, or null. `uid` is the peer's name, null for none.
 pl_task *get_assoc_task(skht_t ht, long timestamp, long duration, const char *uid);
-// Stores the request's key for the task; a key that is stored already stays as it is. 0, or -1 when the task
-// goes without. Lack of memory is fatal.
+// Stores the request's key for the task; one that is stored already stays as it is, and the task goes
+// without. 0; lack of memory is fatal.
 int assoc_utime(pl_task *task, long timestamp, const char *uid);
 
 // Makes an event task from item `first` on; null when there are too many tasks or its playlist cannot be
@@ -39,5 +39,3 @@ pl_item *step_from(bool forth, pl_item *item, size_t nsteps);
 pl_item *shift_from(pl_item *first, double max_sec);
 // The same for a task's window of its `duration`, measured on from where the last call stopped.
 pl_item *reach_end(pl_task *task);
-// a + b without leaving the range of a time.
-long add_seconds(long a, long b);

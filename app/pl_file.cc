@@ -4,6 +4,7 @@
 #include "lib/check.h"
 #include "lib/log.h"
 #include "lib/syswrap.h"
+#include "lib/timeop.h"
 #include "lib/util.h"
 
 #include <cerrno>
@@ -25,7 +26,6 @@ static constexpr size_t CHUNK = 256 * 1024;      // written at once
 static constexpr unsigned GZ_BUFFER = 32 * 1024; // smaller than a chunk: compressed straight from ours
 static constexpr size_t LINE_ROOM = 512;         // more than one item's lines can take
 static constexpr size_t MIN_IO_ITEMS = 10;
-static constexpr time_t TIME_MAX = INT64_MAX;
 
 // --- durations ---
 
@@ -36,15 +36,8 @@ static long whole_sec(double sec) {
     return sec <= -9e18 ? LONG_MIN : static_cast<long>(sec);
 }
 
-static time_t add_time(time_t a, long b) {
-    time_t sum = 0;
-    if (__builtin_add_overflow(a, b, &sum))
-        return b > 0 ? TIME_MAX : -TIME_MAX;
-    return sum;
-}
-
 time_t item_end_time(const pl_item *item) {
-    return add_time(item->start_tm, whole_sec(ceil(item->duration)));
+    return add_seconds(item->start_tm, whole_sec(ceil(item->duration)));
 }
 
 long next_item_sec(const pl_item *item) {
@@ -54,7 +47,7 @@ long next_item_sec(const pl_item *item) {
 
 bool ends_event(const pl_item *item, time_t end_time) {
     time_t item_end = item_end_time(item);
-    return item_end >= end_time || add_time(item_end, next_item_sec(item)) > end_time;
+    return item_end >= end_time || add_seconds(item_end, next_item_sec(item)) > end_time;
 }
 
 // --- the writer ---
@@ -261,6 +254,11 @@ static void write_text(pl_task *task, pl_totals *totals) {
 
 // --- the files ---
 
+// The source's directory, but never the data directory: where that is gone a disk may be missing.
+static int mk_source_dir(const pl_task *task, const char *data_dir) {
+    return dir_check(data_dir) == 0 ? mk_fpath_dirs(task->fpath) : -1;
+}
+
 // A name of exactly the limit passes and is stored cut by one character.
 static int name_playlist(pl_task *task) {
     const pl_source *src = task->src;
@@ -272,7 +270,7 @@ static int name_playlist(pl_task *task) {
         task->fpath[0] = '\0';
         return -1;
     }
-    return g_cfg.use_sid_pl_dir ? mk_fpath_dirs(task->fpath) : 0;
+    return g_cfg.use_sid_pl_dir ? mk_source_dir(task, dir) : 0;
 }
 
 int mk_lockfile(pl_task *task) {
@@ -361,6 +359,8 @@ int mk_playlist(pl_task *task) {
 // --- the lock's time-out ---
 
 static void set_lk_timeout(pl_task *task, int sec) {
+    if (sec == task->lk_tmout_sec)
+        return;
     LOG(LL_DEBUG, "%s: %s%u UPDATED from %d to %d sec\n", "adjust_lk_timeout", task->tag.sym, task->tseq,
         task->lk_tmout_sec, sec);
     task->lk_tmout_sec = sec;

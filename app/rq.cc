@@ -12,6 +12,7 @@
 #include "lib/syswrap.h"
 #include "lib/tmout.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -256,7 +257,9 @@ static void carry_tail(pl_urq *urq, const char *line_end) {
     const char *end = urq->text + urq->text_len;
     while (line_end < end && !isalnum(static_cast<unsigned char>(*line_end)))
         ++line_end;
-    copy_cut(urq->tail, sizeof(urq->tail), {line_end, static_cast<size_t>(end - line_end)});
+    std::string_view rest(line_end, static_cast<size_t>(end - line_end));
+    copy_cut(urq->tail, sizeof(urq->tail), rest);
+    spoil_zero_line(urq->tail, std::min(rest.size(), sizeof(urq->tail) - 1));
 }
 
 // Ends the text at its line end; false when there is none yet.

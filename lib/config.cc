@@ -3,34 +3,20 @@
 #include "lib/check.h"
 #include "lib/log.h"
 #include "lib/strops.h"
+#include "lib/util.h"
 
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <string>
-#include <sys/stat.h>
 #include <unistd.h>
 
 LOG_UNIT(LOG_MOD_APP);
 
 static config_t g_config;
 static bool g_is_open = false;
-
-// A regular file, or null with errno set. Opening never waits, whatever stands at the path.
-static FILE *open_regular(const char *path) {
-    int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    struct stat st;
-    if (fd < 0)
-        return nullptr;
-    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode))
-        return fdopen(fd, "r");
-    errno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
-    close(fd);
-    return nullptr;
-}
 
 // The file name of an include line, empty for any other line.
 static std::string included_path(const char *line) {
@@ -55,7 +41,7 @@ static bool can_be_included(FILE *fp, int depth) {
         std::string path = included_path(line);
         if (path.empty() || access(path.c_str(), F_OK) != 0)
             continue;
-        FILE *included = open_regular(path.c_str());
+        FILE *included = fopen_regular(path.c_str());
         is_fine = included && can_be_included(included, depth + 1);
         if (included)
             fclose(included);
@@ -72,7 +58,7 @@ int config_open(const char *path) {
     CHECK(!g_is_open);
     config_init(&g_config);
     g_is_open = true;
-    FILE *fp = open_regular(path);
+    FILE *fp = fopen_regular(path);
     if (!fp) {
         LOG_FN(LL_ERROR, "[%s] ERROR(%d): %s\n", path, errno, strerror(errno));
         fprintf(stderr, "Failed to load [%s]\n", path);

@@ -230,6 +230,13 @@ void ms2timespec(int64_t ms, timespec *ts) {
         *ts = {.tv_sec = ms / 1000, .tv_nsec = (ms % 1000) * 1'000'000};
 }
 
+long add_seconds(long a, long b) {
+    long sum = 0;
+    if (__builtin_add_overflow(a, b, &sum))
+        return b > 0 ? LONG_MAX : LONG_MIN;
+    return sum;
+}
+
 void cpy_timespec(const timespec *from, timespec *to) {
     *to = *from;
 }

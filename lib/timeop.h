@@ -62,6 +62,8 @@ const char *get_timezone(time_t t, char *buf, size_t size);
 
 // Milliseconds to seconds and nanoseconds; a negative value becomes {-1, 0}, "no limit".
 void ms2timespec(int64_t ms, timespec *ts);
+// a + b without leaving the range of a time.
+long add_seconds(long a, long b);
 void cpy_timespec(const timespec *from, timespec *to);
 
 // out = b - a, nanoseconds normalised into 0..999,999,999.

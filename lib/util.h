@@ -68,6 +68,8 @@ int set_mem_limits(unsigned long rss, unsigned long vmem); // 0 = leave; rss tak
 // The first of dirs[i]/name that opens; its path stays in `buf`. A null entry ends the list.
 FILE *fopen_any(const char *name, const char *mode, size_t ndirs, const char *const *dirs, char *buf,
                 size_t size);
+// Opens a regular file for reading without ever waiting; null with errno set for anything else.
+FILE *fopen_regular(const char *path);
 // Reads a whole file of at most `size` bytes; the bytes read, or -1.
 ssize_t read_file_buf(const char *path, void *buf, size_t size);
 // Creates the missing directories of the directory part of `path`, mode 0755.

@@ -42,6 +42,17 @@ FILE *fopen_any(const char *name, const char *mode, size_t ndirs, const char *co
     return nullptr;
 }
 
+FILE *fopen_regular(const char *path) {
+    fd_guard file(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat st;
+    if (file.fd < 0 || fstat(file.fd, &st) != 0)
+        return nullptr;
+    if (S_ISREG(st.st_mode))
+        return fdopen(file.release(), "r");
+    errno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+    return nullptr;
+}
+
 ssize_t read_file_buf(const char *path, void *buf, size_t size) {
     const fd_guard file(W_open(__func__, path, O_RDONLY, 0));
     if (file.fd < 0)

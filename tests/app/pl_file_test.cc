@@ -2,6 +2,7 @@
 
 #include "tests/app/app_fixture.h"
 
+#include <algorithm>
 #include <random>
 #include <sys/stat.h>
 
@@ -104,19 +105,38 @@ TEST_F(PlFile, TargetDurationIsTheLongestRoundedHalfToEven) {
         std::vector<float> durations;
         const char *target;
     } cases[] = {{{9.5f, 10.4f}, "10"}, {{10.5f}, "10"}, {{11.5f}, "12"},         {{0.3f}, "1"},
-                 {{0.5f}, "1"},         {{-3}, "1"},     {{1e30f}, "4294967295"}, {{2.4f, 7.6f, 3}, "8"}};
+                 {{0.5f}, "1"},         {{-3}, "1"},     {{1e18f}, "4294967295"}, {{2.4f, 7.6f, 3}, "8"}};
     g_cfg.max_plbk_sec = SIZE_MAX;
     for (const auto &one : cases) {
         pl_source *src = source("t" + std::to_string(g_ctx.sources.len));
         src->param.max_plbk_sec = SIZE_MAX;
-        append(src, std::vector<float>(one.durations.size(), 1));
-        for (size_t n = 0; n < one.durations.size(); ++n)
-            item(src, n)->duration = one.durations[n];
+        append(src, one.durations);
         pl_task *made = task(src, PL_LIV, true, oldest_item(src), newest_item(src));
         ASSERT_EQ(mk_playlist(made), 0);
         EXPECT_NE(read_file(made->fpath).find("TARGETDURATION:" + std::string(one.target) + "\n"),
                   std::string::npos)
             << one.target;
+    }
+}
+
+// What is kept of the longest duration agrees with the list, through ties, markers and retirements.
+TEST_F(PlFile, TargetDurationOfAWholeListThatMoves) {
+    g_mod_ll[LOG_MOD_APP] = LL_ERROR;
+    std::mt19937 random(3);
+    pl_source *src = source("chan", "max_sec=100");
+    for (int n = 0; n < 2000; ++n) {
+        append(src,
+               {n % 400 == 399 ? 101.0f : static_cast<float>(random() % 12) * (random() % 4 ? 1.0f : 3.0f)});
+        if (!newest_item(src) || random() % 3 == 0)
+            continue;
+        double longest = 1;
+        for (const pl_item *at = oldest_item(src); at; at = newer_item(at))
+            longest = std::max(longest, at->duration);
+        pl_task *made = task(src, PL_VOD, false, oldest_item(src), newest_item(src));
+        ASSERT_EQ(mk_playlist(made), 0);
+        const std::string target = "TARGETDURATION:" + std::to_string(static_cast<int>(longest)) + "\n";
+        ASSERT_NE(read_file(made->fpath).find(target), std::string::npos) << n << ": " << target;
+        ASSERT_EQ(rm_task(made), 0);
     }
 }
 

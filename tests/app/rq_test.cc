@@ -2,8 +2,6 @@
 
 #include "tests/app/app_fixture.h"
 
-#include <fcntl.h>
-
 namespace {
 
 class Rq : public App {
@@ -11,10 +9,9 @@ class Rq : public App {
     // A connection that a listener has accepted; the client's end stays in `client`.
     pl_urq *accept(size_t listener = PL_LISTENER) {
         int pair[2];
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair), 0);
         EXPECT_EQ(rui_add_request(pair[0], srv(listener), nullptr), 0);
         client = pair[1];
-        fcntl(client, F_SETFL, O_NONBLOCK);
         return dlep_as<pl_urq>(dlep_head(srv(listener)->requests));
     }
     static rui_socket_ctx *srv(size_t listener) { return &g_ctx.rui.user[listener - 1]; }
