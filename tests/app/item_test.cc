@@ -53,6 +53,18 @@ TEST_F(Item, LinesAndTheirRefusals) {
     EXPECT_EQ(rest.size(), 127u);
 }
 
+TEST_F(Item, RoundingNeverOutlivesTheItems) {
+    pl_source *src = source("~chan");
+    src->param.max_plbk_sec = INT64_MAX;
+    append(src, {-1e30f, 1e30f, 1e14f}); // their sum is not what is left when they go one by one
+    src->param.max_plbk_sec = 100;
+    EXPECT_EQ(add_discontinuity(src), 0);
+    EXPECT_EQ(dlep_count(src->items), 0u);
+    EXPECT_EQ(src->total_sec, 0);
+    append(src, {10});
+    EXPECT_EQ(src->total_sec, 10);
+}
+
 TEST_F(Item, MarkersAndSkippedLines) {
     pl_source *src = source();
     append(src, {MARKER, 10, MARKER, MARKER, 0.5f, 75, MARKER});
@@ -147,6 +159,8 @@ TEST_F(Item, ReadsAndPartialLines) {
         {line + "\n", 7, ""},
         {line + "\r" + line, 7, line + "\r" + line},
         {"\n", 9, ""},
+        {line.substr(0, 12) + std::string("\0evil", 5), 9, "?"}, // not the start of a shorter path
+        {line.substr(12) + "\n", 9, ""},
     };
     for (const auto &one : cases) {
         feed(src, producer, one.text);

@@ -1,5 +1,6 @@
 """A backup source takes over when the main one breaks."""
 import os
+import signal
 
 import pytest
 
@@ -32,6 +33,22 @@ def test_backup_takes_over_with_one_discontinuity(lumo):
     d.wait_log("Roll-over from .* completed", count=2)
     more = second.feed(1)
     assert d.ask("T1 LIV chan").playlist.items[-2:] == ["DIS", more[0].path]
+
+def test_a_taken_over_backup_makes_room(lumo):
+    """The break and the backup's next lines arrive at once; a new standby comes right behind."""
+    d = lumo()
+    main, backup = pair(d)
+    main.feed(1)
+    backup.feed(1)
+    os.kill(d.proc.pid, signal.SIGSTOP)
+    main.sock.close()
+    late = [backup.segment() for _ in range(9)]
+    backup.put(*late, wait=False)
+    os.kill(d.proc.pid, signal.SIGCONT)
+    d.wait_log("Roll-over from .* completed")
+    d.wait_log(r"removed 1 source\(s\)", poke=True)
+    d.source("~chan").feed(1)
+    assert d.ask("T1 LIV ~chan").playlist
 
 @pytest.mark.parametrize("cut", [1, 20, -1])
 def test_partial_lines_at_the_break(lumo, cut):

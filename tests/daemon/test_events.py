@@ -27,6 +27,13 @@ def test_windows(lumo, at, length, window, is_ended):
     assert playlist.first == window[0] and playlist.is_ended == is_ended
     assert d.ask(f"T2 EVE chan {segs[0].start + at} {length}").path == reply.path
 
+@pytest.mark.parametrize("length", [-2, -600, -BIG - 1])
+def test_negative_lengths_are_open_ended(lumo, length):
+    d = lumo()
+    src, segs = make_channel(d)
+    line = f"T1 EVE chan {segs[0].start + 30}"
+    assert d.ask(f"{line} {length}").path == d.ask(f"{line} {length}").path == d.ask(line).path
+
 @pytest.mark.parametrize("at, length", [(-1, 0), (-1, 500), (121, 0), (121, 10), (10**6, -1)])
 def test_no_data(lumo, at, length):
     d = lumo()

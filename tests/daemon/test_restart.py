@@ -32,6 +32,15 @@ def come_back(d, src, content, imported, max_sec=3600):
     d.wait_log(rf"\n.* {imported} entries imported from \[{manifest_path(src)}\]")
     return again
 
+def test_a_pipe_is_no_manifest(lumo):
+    """Nobody writes into it: opening it must not stop the daemon."""
+    d = lumo()
+    os.makedirs(os.path.join(d.data, "chan"))
+    os.mkfifo(os.path.join(d.data, "chan", "chan.manifest_live"))
+    segs = d.source().feed(1)
+    d.wait_log(r"read_manifest: fopen\(.*\) ERROR\(22\)")
+    assert d.ask("T1 LIV chan").playlist.names == names(segs)
+
 def test_import_after_a_crash(crashed):
     d, src, segs = crashed
     again = come_back(d, src, entries(segs), 4)
