@@ -8,20 +8,16 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <execinfo.h>
 #include <string_view>
-#include <strings.h>
+#include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 LOG_UNIT(LOG_MOD_APP);
 
-signed char g_mod_ll[LOG_MODULES];
-signed char g_sec_ll[LOG_MODULES];
-
-static struct {
-    signed char level[LOG_MODULES];
-    bool pushed;
-} g_saved_ll;
+static constexpr size_t ROTA_NAME_SIZE = 160; // of a rotated file, with the terminating zero
 
 static struct {
     char app_tag[128];
@@ -38,67 +34,7 @@ static logbuf &buf() {
     return g_logbuf[g_sigctx ? 1 : 0];
 }
 
-// --- levels by name ---
-
-struct level_row {
-    int level;
-    const char *name;
-    const char *tag;
-    int priority;
-    const char *word;  // accepted in the configuration
-    const char *word2; // ... and another way to write it
-};
-
-static constexpr level_row LEVELS[] = {
-    {LL_PANIC, "panic", "(PNC)", LOG_ALERT, nullptr, nullptr},
-    {LL_ERROR, "error", "(ERR)", LOG_ERR, "err", "error"},
-    {LL_CRIT, "ctitical", "(CRI)", LOG_CRIT, "crit", "critical"},
-    {LL_WARN, "warning", "(WRN)", LOG_WARNING, "warn", "warning"},
-    {LL_NORM, "normal", "(NRM)", LOG_NOTICE, "norm", "normal"},
-    {LL_INFO, "info", "(INF)", LOG_INFO, "info", nullptr},
-    {LL_DEBUG, "debug", "(DBG)", LOG_DEBUG, "debug", "dbg"},
-    {LL_SECTION, "section", "(SCT)", LOG_DEBUG, "section", "sect"},
-};
-static constexpr level_row UNKNOWN_LEVEL = {0, "??", "( ? )", LOG_DEBUG, nullptr, nullptr};
-
-static const level_row &level_of(int level) {
-    for (const level_row &row : LEVELS)
-        if (row.level == level)
-            return row;
-    return UNKNOWN_LEVEL;
-}
-
-const char *log_level_str(int level) {
-    return level_of(level).name;
-}
-
-const char *get_level_tag(int level) {
-    return level_of(level).tag;
-}
-
-int get_syslog_pri(int level) {
-    return level_of(level).priority;
-}
-
-int match_log_level(const char *word, int *level) {
-    for (const level_row &row : LEVELS)
-        for (const char *name : {row.word, row.word2})
-            if (name && strcasecmp(word, name) == 0) {
-                *level = row.level;
-                return 0;
-            }
-    return -1;
-}
-
-int read_level_env(const char *name, int fallback) {
-    const char *text = getenv(name);
-    if (!text)
-        return fallback;
-    int level = atoi(text);
-    return level != 0 || strcmp(text, "0") == 0 ? level : fallback;
-}
-
-// --- set-up ---
+// --- initialising ---
 
 static void report_check() {
     log_btrace("ASSERT at:");
@@ -119,97 +55,6 @@ void glog_init(const char *app_tag) {
 const char *glog_app_tag() {
     CHECK(g_logmod.is_ready);
     return g_logmod.app_tag;
-}
-
-void log_default(log_ctx *log, FILE *fp) {
-    log->fp = fp;
-    if (log == &g_log && !log->llst.sec_ll_set)
-        memset(g_sec_ll, LL_SECTION, sizeof(g_sec_ll));
-}
-
-void log_mirror(log_ctx *log, FILE *fp) {
-    log->mirror_fp = fp;
-    if (fp)
-        setvbuf(fp, nullptr, _IOLBF, 0);
-}
-
-FILE *log_mirror_fp(const log_ctx *log) {
-    return log->mirror_fp;
-}
-
-FILE *log_fp(const log_ctx *log) {
-    return log->fp;
-}
-
-void log_timefmt(log_ctx *log, uint32_t flags) {
-    log->time_format = flags;
-}
-
-void log_set_pid(log_ctx *log, pid_t pid) {
-    log->pid = pid;
-}
-
-pid_t log_get_pid(const log_ctx *log) {
-    return log->pid;
-}
-
-void log_set_group(log_ctx *log, uint64_t tag) {
-    log->group.num64 = tag;
-}
-
-uint64_t log_get_group(const log_ctx *log) {
-    return log->group.num64;
-}
-
-lard_t log_set_lard(log_ctx *log, lard_t ring) {
-    lard_t previous = log->lh;
-    log->lh = ring;
-    return previous;
-}
-
-void log_set_modules(log_ctx *log, int level) {
-    memset(g_mod_ll, level, sizeof(g_mod_ll));
-    log->llst.mod_ll_set = 1;
-}
-
-void log_set_sections(log_ctx *log, int level) {
-    memset(g_sec_ll, level, sizeof(g_sec_ll));
-    log->llst.sec_ll_set = 1;
-}
-
-void log_push_mlevels() {
-    if (g_saved_ll.pushed)
-        return;
-    memcpy(g_saved_ll.level, g_mod_ll, sizeof(g_mod_ll));
-    g_saved_ll.pushed = true;
-}
-
-void log_pop_mlevels() {
-    if (!g_saved_ll.pushed)
-        return;
-    memcpy(g_mod_ll, g_saved_ll.level, sizeof(g_mod_ll));
-    g_saved_ll.pushed = false;
-}
-
-void config_syslog(log_ctx *log, const char *ident, int option, int facility) {
-    // openlog keeps the pointer, not the text.
-    static char kept_ident[64];
-    snprintf(kept_ident, sizeof(kept_ident), "%s", ident);
-    log->syslg = {.enabled = true, .option = option, .facility = facility};
-    openlog(kept_ident, option, facility);
-}
-
-void disable_syslog(log_ctx *log) {
-    closelog();
-    log->syslg.enabled = false;
-}
-
-void glog_enable_syslog(const char *ident) {
-    config_syslog(&g_log, ident, LOG_PID | LOG_CONS, LOG_LOCAL0);
-}
-
-void glog_disable_syslog() {
-    disable_syslog(&g_log);
 }
 
 // --- the steps of one record ---
@@ -361,6 +206,240 @@ void log_flush(log_ctx *log, int level) {
         syslog(get_syslog_pri(level) | log->syslg.facility, "%s", b.text);
     if (!log_is_standard(log->fp))
         log_rotate_if_due(log);
+}
+
+// --- opening, rotation, closing ---
+
+// "PATH.STAMP" of the first second from `*stamp` on whose name is still free: a file that was put aside is
+// never overwritten by the next. The length that the name needs.
+static int mk_aside_name(const char *path, time_t *stamp, char *out, size_t size) {
+    static constexpr int MAX_TRIES = 1000;
+    for (int i = 0;; ++i, ++*stamp) {
+        int n = snprintf(out, size, "%s.%lu", path, static_cast<unsigned long>(*stamp));
+        bool fits = n > 0 && static_cast<size_t>(n) < size;
+        if (!fits || i == MAX_TRIES || access(out, F_OK) != 0)
+            return n;
+    }
+}
+
+int move_if_present(const char *path) {
+    struct stat st;
+    if (stat(path, &st) != 0) {
+        if (errno == ENOENT)
+            return 0;
+        fprintf(stderr, "stat(%s) ERROR(%d): %s\n", path, errno, strerror(errno));
+        return -1;
+    }
+    if (!S_ISREG(st.st_mode) || st.st_size == 0)
+        return 0;
+    char aside[LOG_PATH_SIZE];
+    time_t stamp = st.st_mtime;
+    int n = mk_aside_name(path, &stamp, aside, sizeof(aside));
+    if (n < 0 || static_cast<size_t>(n) >= sizeof(aside))
+        return 7;
+    int rc = rename(path, aside);
+    if (rc != 0)
+        fprintf(stderr, "Cannot rename(%s, %s): ERROR(%d): %s\n", path, aside, errno, strerror(errno));
+    return rc;
+}
+
+static FILE *open_stream(const log_ctx *log, const char *path) {
+    FILE *fp = log->is_pipe ? popen(path, "w") : fopen(path, "a+");
+    if (!fp) {
+        int err = errno;
+        fprintf(stderr, "%s: uid/gig=%ld/%ld %s(%s) ERROR(%d): %s\n", "do_open", static_cast<long>(geteuid()),
+                static_cast<long>(getegid()), log->is_pipe ? "popen" : "fopen", path, err, strerror(err));
+        return nullptr;
+    }
+    setvbuf(fp, nullptr, log->is_pipe ? _IOLBF : _IONBF, 0);
+    return fp;
+}
+
+int do_open(log_ctx *log, const char *path) {
+    (void)glog_app_tag(); // the log core must have been initialised
+    if (path) {
+        if (strlen(path) > LOG_PATH_SIZE) {
+            fprintf(stderr, "Log pathname/command is too long, %ld bytes allowed\n",
+                    static_cast<long>(LOG_PATH_SIZE));
+            return -1;
+        }
+        FILE *fp = open_stream(log, path);
+        if (!fp)
+            return -1;
+        log->fp = fp;
+        if (path != log->name)
+            snprintf(log->name, sizeof(log->name), "%s", path);
+    } else {
+        log->fp = stderr;
+    }
+    log->total_out = 0;
+    if (!log->is_pipe && !log_is_standard(log->fp)) {
+        struct stat st;
+        if (fstat(fileno(log->fp), &st) == 0)
+            log->total_out = static_cast<size_t>(st.st_size);
+        else
+            fprintf(stderr, "%s: fstat(%s) ERROR(%d): %s\n", __func__, log->name, errno, strerror(errno));
+    }
+    return 0;
+}
+
+int log_open_ex(log_ctx *log, const char *path, unsigned flags) {
+    log->is_pipe = 0;
+    if (path && !(flags & LOG_OPEN_APPEND))
+        move_if_present(path);
+    return do_open(log, path);
+}
+
+int log_popen(log_ctx *log, const char *command) {
+    log->is_pipe = 1;
+    return do_open(log, command);
+}
+
+bool log_reopen_lost(log_ctx *log) {
+    static time_t last_try;
+    time_t now = time(nullptr);
+    if (log->name[0] == '\0' || log->is_pipe || now == last_try)
+        return false;
+    last_try = now;
+    return do_open(log, log->name) == 0;
+}
+
+void log_set_rota(log_ctx *log, size_t max_total, int max_files, time_t eod) {
+    bool is_sensible = max_files > 0 && max_files < static_cast<int>(LOG_ROTA_SLOTS);
+    log->rota.max_total = max_total;
+    log->rota.max_idx = static_cast<size_t>(is_sensible ? max_files : LOG_DEFAULT_FILES);
+    log->rota.max_log_tm = eod < 1 ? 0 : get_endofday_utime(eod);
+}
+
+void log_set_eod(log_ctx *log, time_t t) {
+    log->rota.max_log_tm = t;
+}
+
+size_t log_rota_maxfiles(const log_ctx *log) {
+    return log->rota.max_idx;
+}
+
+size_t log_rota_maxsize(const log_ctx *log) {
+    return log->rota.max_total;
+}
+
+time_t log_rota_eod(const log_ctx *log) {
+    return log->rota.max_log_tm;
+}
+
+static bool name_fits(int n) {
+    if (n > 0 && static_cast<size_t>(n) < ROTA_NAME_SIZE)
+        return true;
+    fprintf(stderr, "%s: log log->name is too long (%d bytes), max=%lu\n", "log_rotate", n,
+            static_cast<unsigned long>(ROTA_NAME_SIZE - 1));
+    return false;
+}
+
+// Keeps at most `max_idx` rotated files: the slot that comes round again gives up its file.
+static void handle_rotation(log_ctx *log, time_t now, const char *new_name) {
+    rotation_ctx &rota = log->rota;
+    LOG_TO(*log, LL_NORM, "[%s]: previous log rotated to [%s] tm=%ld, idx=%ld\n", glog_app_tag(), new_name,
+           static_cast<long>(now), static_cast<long>(rota.next_idx));
+    time_t &slot = rota.tm[rota.next_idx];
+    char oldest[ROTA_NAME_SIZE];
+    // A name that is free again may be the new file's.
+    if (slot != 0 && slot != now &&
+        name_fits(snprintf(oldest, sizeof(oldest), "%s.%lu", log->name, static_cast<unsigned long>(slot)))) {
+        if (unlink(oldest) != 0)
+            LOG_TO(*log, LL_ERROR, "%s: unlink(%s) ERROR(%d) : %s\n", __func__, oldest, errno,
+                   strerror(errno));
+        else
+            LOG_TO(*log, LL_DEBUG, "%s: replaced %s with %s.%lu\n", __func__, oldest, log->name,
+                   static_cast<unsigned long>(now));
+    }
+    slot = now;
+    if (++rota.next_idx >= static_cast<ssize_t>(rota.max_idx))
+        rota.next_idx = 0;
+    errno = 0;
+}
+
+static int refuse_rotation(const log_ctx *log) {
+    if (log_is_standard(log->fp)) {
+        fprintf(stderr, "%s: stdout and stderr cannot be rotated.\n", "log_rotate");
+        return -1;
+    }
+    if (log->is_pipe || log->name[0] == '|') {
+        fprintf(stderr, "%s: not supported for pipe-based streams.\n", "log_rotate");
+        return -1;
+    }
+    return 0;
+}
+
+int log_rotate(log_ctx *log) {
+    if (log->name[0] == '\0') {
+        fprintf(stderr, "%s: nothing to rotate.\n", __func__);
+        return 0;
+    }
+    if (refuse_rotation(log) != 0)
+        return -1;
+    time_t now = time(nullptr);
+    char new_name[ROTA_NAME_SIZE];
+    if (!name_fits(mk_aside_name(log->name, &now, new_name, sizeof(new_name))))
+        return -1;
+    FILE *fp = log->fp;
+    log->fp = nullptr;
+    if (fp && fclose(fp) != 0) {
+        fprintf(stderr, "%s: failed to close [%s], ERROR(%d): %s\n", __func__, log->name, errno,
+                strerror(errno));
+        return -1;
+    }
+    char failure[512] = "";
+    if (rename(log->name, new_name) != 0) {
+        snprintf(failure, sizeof(failure), "%s: failed to rename [%s] to [%s], ERROR(%d): %s", __func__,
+                 log->name, new_name, errno, strerror(errno));
+        fprintf(stderr, "%s - rotation is to be stopped\n", failure);
+    }
+    int rc = do_open(log, log->name);
+    if (rc != 0)
+        return rc;
+    if (failure[0]) {
+        log->total_out = 0;
+        LOG_TO(*log, LL_ERROR, "%s: %s - rotation cancelled this time\n", __func__, failure);
+    } else if (log->rota.max_idx != 0) {
+        handle_rotation(log, now, new_name);
+    }
+    return 0;
+}
+
+void log_rotate_if_due(log_ctx *log) {
+    // Rotation logs, and a log below the size limit of one record would rotate for ever.
+    static bool is_rotating = false;
+    if (is_rotating)
+        return;
+    rotation_ctx &rota = log->rota;
+    bool is_due = rota.max_total != 0 && log->total_out >= rota.max_total;
+    if (rota.max_log_tm > 0) {
+        time_t now = time(nullptr);
+        if (rota.max_log_tm < now) {
+            rota.max_log_tm = get_endofday_utime(now);
+            is_due = true;
+        }
+    }
+    if (!is_due)
+        return;
+    is_rotating = true;
+    log_rotate(log);
+    is_rotating = false;
+}
+
+void log_close(log_ctx *log) {
+    FILE *fp = log->fp;
+    if (!fp || log_is_standard(fp))
+        return;
+    log->fp = nullptr;
+    int rc = log->is_pipe ? pclose(fp) : fclose(fp);
+    bool is_reaped = log->is_pipe && rc == -1 && errno == ECHILD;
+    if (rc != 0 && !is_reaped)
+        fprintf(stderr, "%s: %s error(%d) for the application log: %s\n", __func__,
+                log->is_pipe ? "pclose" : "fclose", errno, strerror(errno));
+    if (log->syslg.enabled)
+        disable_syslog(log);
+    lard_destroy(log_set_lard(log, nullptr));
 }
 
 // --- back-traces and internal failures ---

@@ -6,8 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ifaddrs.h>
-#include <sys/un.h>
 
 LOG_UNIT(LOG_MOD_APP);
 
@@ -26,94 +24,6 @@ static sockaddr_in6 as_in6(const sockaddr *addr) {
 
 static void copy_addr(sockaddr_storage *to, const sockaddr *from, socklen_t len) {
     memcpy(to, from, std::min<size_t>(len, sizeof(*to)));
-}
-
-// --- address inspection ---
-
-socklen_t saddr_len(int family) {
-    switch (family) {
-    case AF_INET:
-        return sizeof(sockaddr_in);
-    case AF_INET6:
-        return sizeof(sockaddr_in6);
-    case AF_UNIX:
-        return sizeof(sockaddr_un);
-    default:
-        return 0;
-    }
-}
-
-bool is_anyaddr(const sockaddr *addr) {
-    if (addr->sa_family == AF_INET)
-        return as_in(addr).sin_addr.s_addr == htonl(INADDR_ANY);
-    if (addr->sa_family != AF_INET6)
-        return false;
-    sockaddr_in6 in6 = as_in6(addr);
-    return IN6_IS_ADDR_UNSPECIFIED(&in6.sin6_addr);
-}
-
-bool is_multicast(const sockaddr *addr) {
-    if (addr->sa_family == AF_INET)
-        return IN_MULTICAST(ntohl(as_in(addr).sin_addr.s_addr));
-    if (addr->sa_family != AF_INET6)
-        return false;
-    sockaddr_in6 in6 = as_in6(addr);
-    return IN6_IS_ADDR_MULTICAST(&in6.sin6_addr);
-}
-
-static bool unix_equal(const sockaddr *a, const sockaddr *b) {
-    sockaddr_un x, y;
-    memcpy(&x, a, sizeof(x));
-    memcpy(&y, b, sizeof(y));
-    return strncmp(x.sun_path, y.sun_path, sizeof(x.sun_path)) == 0;
-}
-
-bool saddr_equal(const sockaddr *a, const sockaddr *b) {
-    if (a->sa_family != b->sa_family)
-        return false;
-    if (a->sa_family == AF_UNIX)
-        return unix_equal(a, b);
-    if (a->sa_family == AF_INET) {
-        sockaddr_in x = as_in(a), y = as_in(b);
-        return x.sin_port == y.sin_port && x.sin_addr.s_addr == y.sin_addr.s_addr;
-    }
-    if (a->sa_family != AF_INET6)
-        return false;
-    sockaddr_in6 x = as_in6(a), y = as_in6(b);
-    return x.sin6_port == y.sin6_port && IN6_ARE_ADDR_EQUAL(&x.sin6_addr, &y.sin6_addr);
-}
-
-// --- interfaces ---
-
-static bool is_address_of(const ifaddrs &entry, const char *name, int family) {
-    if (!entry.ifa_addr || strcmp(entry.ifa_name, name) != 0)
-        return false;
-    int af = entry.ifa_addr->sa_family;
-    return family == AF_UNSPEC ? af == AF_INET || af == AF_INET6 : af == family;
-}
-
-int get_ifc_info(const char *name, int family, ifc_info *out) {
-    *out = {};
-    out->index = if_nametoindex(name);
-    if (out->index == 0) {
-        LOG_FN(LL_ERROR, "if_nametoindex(%s) ERROR(%d): %s\n", name, errno, strerror(errno));
-        return -1;
-    }
-    memcpy(out->name, name, strnlen(name, sizeof(out->name) - 1));
-    ifaddrs *list = nullptr;
-    if (getifaddrs(&list) != 0) {
-        LOG_FN(LL_ERROR, "getifaddrs() ERROR(%d): %s\n", errno, strerror(errno));
-        return -1;
-    }
-    const ifaddrs *entry = list;
-    while (entry && !is_address_of(*entry, name, family))
-        entry = entry->ifa_next;
-    if (entry) {
-        out->addrlen = saddr_len(entry->ifa_addr->sa_family);
-        copy_addr(&out->addr, entry->ifa_addr, out->addrlen);
-    }
-    freeifaddrs(list);
-    return 0;
 }
 
 // --- group membership ---
