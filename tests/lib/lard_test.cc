@@ -1,17 +1,14 @@
 #include "lib/lard.h"
 
-#include <gtest/gtest.h>
+#include "tests/capture.h"
 
 #include <csignal>
-#include <cstring>
 #include <fcntl.h>
-#include <string>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
@@ -35,12 +32,6 @@ class Lard : public testing::Test {
             close(fd);
         return fd >= 0;
     }
-    // What `action` printed on standard error.
-    template <class F> std::string printed(F action) {
-        testing::internal::CaptureStderr();
-        action();
-        return testing::internal::GetCapturedStderr();
-    }
     void make_object(const std::string &object, const void *bytes, size_t len, size_t size) {
         int fd = shm_open(object.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
         ASSERT_GE(fd, 0);
@@ -49,13 +40,6 @@ class Lard : public testing::Test {
         close(fd);
     }
 };
-
-// The lowest free descriptor: grows when one was left open.
-int next_fd() {
-    int fd = dup(STDERR_FILENO);
-    close(fd);
-    return fd;
-}
 
 std::string snapshot(lard_t ring) {
     FILE *out = tmpfile();
@@ -109,78 +93,21 @@ TEST_F(Lard, KeepsTheNewestBytesInOrderAcrossTheSeam) {
 TEST_F(Lard, RefusedAndCutTexts) {
     lard_t ring = lard_create(name.c_str(), 1);
     ASSERT_TRUE(ring);
-    size_t size;
-    lard_get_data(ring, &size);
-    ASSERT_EQ(size, page());
+    size_t size = page();
     std::string over(size, 'x'), most(size - 1, 'y');
-
     ASSERT_EQ(lard_puts(ring, "kept\n"), 5);
     EXPECT_EQ(lard_puts(ring, ""), -7);
-    EXPECT_EQ(lard_write(ring, "abc", 0), -7);
-    EXPECT_EQ(lard_printf(ring, "%s", ""), -7);
     EXPECT_EQ(lard_printf(ring, "%s", over.c_str()), -7);
     EXPECT_EQ(snapshot(ring), "kept\n");
-    EXPECT_EQ(lard_write(ring, "known length", 5), 5);
-    EXPECT_EQ(snapshot(ring), "kept\nknown");
     EXPECT_EQ(lard_printf(ring, "%s", most.c_str()), static_cast<ssize_t>(size - 1));
     EXPECT_EQ(snapshot(ring), most);
     EXPECT_EQ(lard_write(ring, over.data(), size), static_cast<ssize_t>(size - 1));
-    EXPECT_EQ(lard_puts(ring, over.c_str()), static_cast<ssize_t>(size - 1));
     EXPECT_EQ(snapshot(ring), over.substr(1));
-
     lard_t reader = lard_open(name.c_str());
     ASSERT_TRUE(reader);
-    EXPECT_EQ(lard_puts(reader, "x"), -7);
-    EXPECT_EQ(lard_printf(reader, "%s", most.c_str()), -7);
-    lard_set_temp(reader, 4);
-    EXPECT_EQ(lard_get_ctemp(ring), 0);
+    EXPECT_EQ(lard_puts(reader, "x"), -7) << "a reader does not write";
     lard_close(reader);
     lard_close(ring);
-}
-
-TEST_F(Lard, TemperatureIsTheSumOfTheLastPushes) {
-    lard_t ring = lard_create(name.c_str(), 1);
-    ASSERT_TRUE(ring);
-    for (int i = 1; i <= 64; i++)
-        lard_set_temp(ring, i);
-    EXPECT_EQ(lard_get_ctemp(ring), 64 * 65 / 2);
-    lard_puts(ring, "x"); // pushes 0 and so drops the 1
-    EXPECT_EQ(lard_get_ctemp(ring), 64 * 65 / 2 - 1);
-    lard_printf(ring, "%d", 1);
-    EXPECT_EQ(lard_get_ctemp(ring), 64 * 65 / 2 - 3);
-    for (int i = 0; i < 64; i++)
-        lard_set_temp(ring, INT_MAX);
-    EXPECT_GT(lard_get_ctemp(ring), 0);
-    for (int i = 0; i < 64; i++)
-        lard_set_temp(ring, -5);
-    EXPECT_EQ(lard_get_ctemp(ring), 0);
-
-    timespec before = lard_get_meta(ring)->write_tm, now;
-    lard_puts(ring, "x");
-    timespec after = lard_get_meta(ring)->write_tm;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    auto nsec = [](const timespec &ts) { return ts.tv_sec * 1'000'000'000 + ts.tv_nsec; };
-    EXPECT_LT(nsec(before), nsec(after));
-    EXPECT_LE(nsec(after), nsec(now));
-    lard_close(ring);
-}
-
-TEST_F(Lard, OnlyTheOwnerMarksTheRingClosed) {
-    lard_t ring = lard_create(name.c_str(), 1);
-    lard_t reader = lard_open(name.c_str());
-    ASSERT_TRUE(ring && reader);
-    EXPECT_EQ(lard_owner_pid(reader), getpid());
-    EXPECT_EQ(in_child([ring] { return lard_close(ring), 0; }), 0);
-    EXPECT_TRUE(lard_is_active(reader));
-    lard_close(lard_open(name.c_str()));
-    EXPECT_TRUE(lard_is_active(reader));
-    lard_puts(ring, "last words\n");
-    lard_destroy(ring);
-    EXPECT_FALSE(lard_is_active(reader));
-    EXPECT_EQ(snapshot(reader), "last words\n");
-    lard_close(reader);
-    lard_close(nullptr);
-    lard_destroy(nullptr);
 }
 
 TEST_F(Lard, CrashedOwnersRingIsReadAndReplaced) {
@@ -191,48 +118,32 @@ TEST_F(Lard, CrashedOwnersRingIsReadAndReplaced) {
               0);
     lard_t old = lard_open(name.c_str());
     ASSERT_TRUE(old);
-    pid_t owner = lard_owner_pid(old);
-    EXPECT_NE(owner, getpid());
-    EXPECT_EQ(kill(owner, 0), -1);
+    EXPECT_NE(lard_owner_pid(old), getpid());
     EXPECT_TRUE(lard_is_active(old));
-
-    lard_t ring = lard_create(name.c_str(), 1);
-    ASSERT_TRUE(ring);
-    EXPECT_EQ(snapshot(ring), "");
+    lard_t ring = lard_create(name.c_str(), 1), reader = lard_open(name.c_str());
+    ASSERT_TRUE(ring && reader);
     lard_puts(ring, "new owner\n");
     EXPECT_EQ(snapshot(old), "about to crash\n");
-    struct stat st;
-    ASSERT_EQ(stat(("/dev/shm" + dat_object).c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0600u);
+    // Only the owner marks a ring closed: neither a child of its nor a reader.
+    EXPECT_EQ(in_child([ring] { return lard_close(ring), 0; }), 0);
+    lard_close(lard_open(name.c_str()));
+    EXPECT_TRUE(lard_is_active(reader));
+    lard_destroy(ring);
+    EXPECT_FALSE(lard_is_active(reader));
+    EXPECT_EQ(snapshot(reader), "new owner\n");
     lard_close(old);
-    lard_close(ring);
+    lard_close(reader);
 }
 
 TEST_F(Lard, NamesAndPageCountsRefused) {
-    struct {
-        std::string name;
-        size_t npages;
-        const char *message;
-    } cases[] = {
-        {"", 1, "ring name [] of 0 bytes refused"},
-        {"a/b", 1, "ring name [a/b] of 3 bytes refused"},
-        {"../up", 1, "refused"},
-        {std::string(255, 'n'), 1, "of 255 bytes refused"},
-        {std::string(254, 'n'), 1, "shm_"}, // too long for the system once it has its suffix
-        {name, 0, "page count 0 refused"},
-        {name, SIZE_MAX, "page count 18446744073709551615 refused"},
-        {name, SIZE_MAX / page() + 2, "refused"},
-    };
+    const std::pair<std::string, size_t> cases[] = {
+        {"", 1},   {"a/b", 1},       {std::string(255, 'n'), 1},
+        {name, 0}, {name, SIZE_MAX}, {name, SIZE_MAX / page() + 2}};
     int fd = next_fd();
-    for (auto &c : cases) {
-        std::string text = printed([&] { EXPECT_EQ(lard_create(c.name.c_str(), c.npages), nullptr); });
-        EXPECT_NE(text.find(c.message), std::string::npos) << text;
-        printed([&] { EXPECT_EQ(lard_open(c.name.c_str()), nullptr); });
-    }
-    printed([] { EXPECT_EQ(lard_open(nullptr), nullptr); });
+    for (const auto &[text, npages] : cases)
+        EXPECT_EQ(lard_create(text.c_str(), npages), nullptr) << text << npages;
     EXPECT_EQ(next_fd(), fd);
     EXPECT_FALSE(exists(meta_object));
-    EXPECT_DEATH(lard_create(nullptr, 1), "\\(\\(void \\*\\)0\\) != name");
 }
 
 TEST_F(Lard, FailedCreationLeavesNothingBehind) {
@@ -240,76 +151,45 @@ TEST_F(Lard, FailedCreationLeavesNothingBehind) {
     // Something that cannot be replaced stands where the data object should be.
     std::string path = "/dev/shm" + dat_object;
     ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
-    std::string text = printed([&] { EXPECT_EQ(lard_create(name.c_str(), 1), nullptr); });
-    EXPECT_NE(text.find("shm_unlink(" + dat_object + ") ERROR("), std::string::npos) << text;
+    EXPECT_EQ(lard_create(name.c_str(), 1), nullptr);
     EXPECT_FALSE(exists(meta_object));
     ASSERT_EQ(rmdir(path.c_str()), 0);
-
-    // The data object may not grow to its size: by the limit in force, then by the memory there is.
-    rlimit old, limit;
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &old), 0);
-    limit = {page(), old.rlim_max};
-    auto handler = signal(SIGXFSZ, SIG_IGN);
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
-    lard_t ring = nullptr;
-    int err = 0;
-    text = printed([&] {
-        ring = lard_create(name.c_str(), 2);
-        err = errno;
-    });
-    setrlimit(RLIMIT_FSIZE, &old);
-    signal(SIGXFSZ, handler);
-    EXPECT_EQ(ring, nullptr);
-    EXPECT_EQ(err, EFBIG);
-    EXPECT_NE(text.find("ftruncate(fd"), std::string::npos) << text;
+    // More memory than there is: found out here, not by a signal at the first write.
     struct statvfs vfs;
     ASSERT_EQ(statvfs("/dev/shm", &vfs), 0);
     if (vfs.f_blocks > 0) { // limited in size
-        size_t npages = vfs.f_blocks * vfs.f_frsize / page() + 1;
-        text = printed([&] { EXPECT_EQ(lard_create(name.c_str(), npages), nullptr); });
-        EXPECT_NE(text.find("posix_fallocate("), std::string::npos) << text;
+        EXPECT_EQ(lard_create(name.c_str(), vfs.f_blocks * vfs.f_frsize / page() + 1), nullptr);
     }
-    EXPECT_FALSE(exists(meta_object));
-    EXPECT_FALSE(exists(dat_object));
+    EXPECT_FALSE(exists(meta_object) || exists(dat_object));
     EXPECT_EQ(next_fd(), fd);
 }
 
 TEST_F(Lard, ReaderRefusesWhatIsNoRing) {
     lard_meta meta{};
-    meta.seg_pages = 2;
     struct {
         const char *what;
         size_t seg_pages, meta_size, dat_size;
-        const char *message;
-    } cases[] = {
-        {"empty meta", 2, 0, 2 * page(), "has 0 bytes"},
-        {"short meta", 2, sizeof(meta) - 1, 2 * page(), "bytes where a ring has"},
-        {"long meta", 2, sizeof(meta) + 1, 2 * page(), "bytes where a ring has"},
-        {"no pages", 0, sizeof(meta), 2 * page(), "page count 0 refused"},
-        {"negative pages", SIZE_MAX, sizeof(meta), 2 * page(), "refused"},
-        {"pages whose length wraps", SIZE_MAX / page() + 2, sizeof(meta), 2 * page(), "refused"},
-        {"more pages than data", 3, sizeof(meta), 2 * page(), "too few for 3 pages"},
-        {"data cut within its last page", 2, sizeof(meta), 2 * page() - 1, "too few for 2 pages"},
-        {"empty data", 2, sizeof(meta), 0, "too few for 2 pages"},
-    };
+    } cases[] = {{"empty meta", 2, 0, 2 * page()},
+                 {"short meta", 2, sizeof(meta) - 1, 2 * page()},
+                 {"long meta", 2, sizeof(meta) + 1, 2 * page()},
+                 {"no pages", 0, sizeof(meta), 2 * page()},
+                 {"pages whose length wraps", SIZE_MAX / page() + 2, sizeof(meta), 2 * page()},
+                 {"data cut within its last page", 2, sizeof(meta), 2 * page() - 1}};
     int fd = next_fd();
     for (auto &c : cases) {
         meta.seg_pages = c.seg_pages;
         make_object(meta_object, &meta, sizeof(meta), c.meta_size);
         make_object(dat_object, "x", 1, c.dat_size);
-        std::string text = printed([&] { EXPECT_EQ(lard_open(name.c_str()), nullptr) << c.what; });
-        EXPECT_NE(text.find(c.message), std::string::npos) << c.what << ": " << text;
+        EXPECT_EQ(lard_open(name.c_str()), nullptr) << c.what;
         EXPECT_TRUE(exists(meta_object) && exists(dat_object)) << c.what;
     }
+    meta.seg_pages = 2;
     make_object(meta_object, &meta, sizeof(meta), sizeof(meta));
     for (auto &object : {dat_object, meta_object}) {
         shm_unlink(object.c_str());
-        printed([&] {
-            EXPECT_EQ(lard_open(name.c_str()), nullptr) << object << " is missing";
-            EXPECT_EQ(errno, ENOENT);
-        });
+        EXPECT_EQ(lard_open(name.c_str()), nullptr) << object << " is missing";
         ASSERT_EQ(mkfifo(("/dev/shm" + object).c_str(), 0600), 0);
-        printed([&] { EXPECT_EQ(lard_open(name.c_str()), nullptr) << object << " is a FIFO"; });
+        EXPECT_EQ(lard_open(name.c_str()), nullptr) << object << " is a FIFO";
     }
     EXPECT_EQ(next_fd(), fd);
 }
@@ -319,9 +199,7 @@ TEST_F(Lard, ReaderSurvivesAForeignRecord) {
         size_t start, len, kept_start, kept_len;
     } cases[] = {
         {SIZE_MAX, SIZE_MAX, SIZE_MAX % (2 * page()), 2 * page()},
-        {2 * page(), 2 * page(), 0, 2 * page()},
         {5, 3, 3, 0},
-        {SIZE_MAX / 2, 1, 1, 0},
         {100, 4096, 100, 3996}, // a wrap whose start is told and whose length is not yet
     };
     std::string data(2 * page(), 'd');

@@ -8,7 +8,6 @@ TEST(Tmout, FirstValueWinsAndTheMinimumFollows) {
     LogCapture log;
     init_timeout_registry();
     EXPECT_EQ(get_min_timeout(), MIN_TIMER_VAL);
-    EXPECT_EQ(MIN_TIMER_VAL, -9999);
     enum op { SET, RM };
     struct {
         op what;
@@ -37,20 +36,4 @@ TEST(Tmout, FirstValueWinsAndTheMinimumFollows) {
         EXPECT_EQ(get_timeout(s.index), s.kept) << "step " << i;
         EXPECT_EQ(get_min_timeout(), s.min) << "step " << i;
     }
-    EXPECT_TRUE(log.has("(DBG)  reg_set_timeout: timeout[1] lk=2 val=3000, min_val=3000\n"));
-    EXPECT_TRUE(log.has("(DBG)  reg_rm_timeout: timeout[1] lk=1\n"));
-    EXPECT_TRUE(log.has("(DBG)  reg_rm_timeout: picked rec[0] val=5, lk=1\n"));
-}
-
-TEST(Tmout, RegistriesAreApartAndGuarded) {
-    tmout_registry reg;
-    reg_init_timeout(&reg);
-    init_timeout_registry();
-    reg_set_timeout(&reg, 5, 77);
-    EXPECT_EQ(reg_min_timeout(&reg), 77);
-    EXPECT_EQ(reg_get_timeout(&reg, 5), 77);
-    EXPECT_EQ(get_min_timeout(), MIN_TIMER_VAL);
-    EXPECT_DEATH(reg_set_timeout(&reg, 32, 1), "index >= 0");
-    EXPECT_DEATH(reg_rm_timeout(&reg, -1), "index >= 0");
-    EXPECT_DEATH(reg_set_timeout(&reg, 1, MIN_TIMER_VAL - 1), "val >= MIN_TIMER_VAL");
 }
