@@ -52,12 +52,6 @@ class App : public ::testing::Test {
         EXPECT_EQ(get_min_timeout(), MIN_TIMER_VAL) << "a time-out stayed registered";
     }
 
-    // The context anew, for settings that only the start reads.
-    void restart() {
-        destroy_plum_ctx();
-        ASSERT_EQ(init_plum_ctx(urq_callbacks()), 0);
-    }
-
     static ptrdiff_t open_descriptors() {
         return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
     }
@@ -66,22 +60,18 @@ class App : public ::testing::Test {
         const_cast<timespec *>(rqs_now_ref())->tv_sec = sec; // the loop's own record, which is not const
     }
 
-    std::string take_log() { return log.take(); }
     void expect_logged(const std::string &text) {
         EXPECT_TRUE(log.has(text));
         log.take();
     }
 
-    // --- sources ---
-
     // A connection's init line reaches the registry; the producer's end stays in `producer`.
-    int connect(const std::string &name, const std::string &params = "", const char *tail = "") {
+    int connect(const std::string &name, const std::string &params = "") {
         int pair[2];
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair), 0);
         ends.push_back(producer = pair[1]);
         pl_urq urq{};
         urq.rq.fd = pair[0];
-        strcpy(urq.tail, tail);
         const int rc = add_source(&urq, name.c_str(), params.c_str());
         close(pair[0]);
         return rc;
@@ -121,8 +111,6 @@ class App : public ::testing::Test {
             text += (is_segment(at) ? at->path : "-") + std::string(" ");
         return text;
     }
-
-    // --- tasks ---
 
     static pl_task *task(pl_source *src, uint32_t tag, bool is_live, pl_item *first, pl_item *last) {
         pl_task *made = add_task("test", src, tag);
@@ -172,8 +160,6 @@ class App : public ::testing::Test {
         return response;
     }
 
-    // --- files ---
-
     // Plain or compressed.
     static std::string read_file(const std::string &path) {
         std::string text;
@@ -181,8 +167,7 @@ class App : public ::testing::Test {
         gzFile gz = gzopen(path.c_str(), "r");
         for (int n; gz && (n = gzread(gz, buf, sizeof(buf))) > 0;)
             text.append(buf, static_cast<size_t>(n));
-        if (gz)
-            gzclose(gz);
+        gzclose(gz);
         return text;
     }
     static void write_file(const std::string &path, const std::string &text) {

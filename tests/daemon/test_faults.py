@@ -2,7 +2,6 @@
 import os
 import resource
 import signal
-import socket
 import subprocess
 import threading
 import time
@@ -11,7 +10,7 @@ import pytest
 
 from harness import IS_ROOT, at_end, connect, names, until
 
-KINDS = ("LIV chan", "VOD chan", "EVE chan -600 0", "EVE chan {start} 5", "EVE chan {start} 100000 peer=p", "EVE chan {start} -1")
+KINDS = ("LIV chan", "VOD chan", "EVE chan -600 0", "EVE chan {start} 5", "EVE chan {start} 100000 peer=p")
 
 def ask_all(d, start):
     return [d.ask("T1 " + kind.format(start=start)) for kind in KINDS]
@@ -29,22 +28,19 @@ def test_data_directory_vanishes_and_comes_back(lumo, refresh):
     for n in range(3):
         src.send(f"SEGMENT: chan/lost{n}.ts {src.next_start} 1 188 7 1\n")
         src.wait(f"chan/lost{n}.ts")
-        assert d.ask("T1 LIV chan").raw == "T1 ERROR HTTP:500 - internal\n"
-        assert d.ask("T1 VOD chan").error == (500, "internal")
-        assert d.ask(f"T1 EVE chan {start} {50 + n}").error == (500, "internal")
+        for kind in ("LIV chan", "VOD chan", f"EVE chan {start} {50 + n}"):
+            assert d.ask("T1 " + kind).error == (500, "internal")
     os.rename(d.path("away"), d.data)
     src.feed(1)
-    for reply in ask_all(d, start):
-        assert reply.playlist.names
-    lost = [f"lost{n}.ts" for n in range(3)]
-    assert d.ask("T1 VOD chan").playlist.names == names(segs) + lost + ["s4.ts"]
-    assert d.ask("T1 LIV chan").playlist.names[-4:] == lost + ["s4.ts"]
+    assert all(reply.playlist.names for reply in ask_all(d, start))
+    expected = names(segs) + [f"lost{n}.ts" for n in range(3)] + ["s4.ts"]
+    assert d.ask("T1 VOD chan").playlist.names == expected
+    assert d.ask("T1 LIV chan").playlist.names[-4:] == expected[-4:]
 
-@pytest.mark.parametrize("refresh", [False, True])
-def test_full_disk(make, refresh):
+def test_full_disk(make):
     if not IS_ROOT:
         pytest.skip("only root mounts")
-    d = make(refresh_playlists=refresh, max_live_items=64)
+    d = make(refresh_playlists=True, max_live_items=64)
     mount = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "tmpfs", d.data], capture_output=True)
     if mount.returncode:
         pytest.skip("mounting is not allowed here")
@@ -62,40 +58,22 @@ def test_full_disk(make, refresh):
                     while True:
                         os.write(filler, b"f" * size)
 
-        def failure(kind):
-            fill()
-            return d.ask("T1 " + kind).error
-
         fill()
         seg = segs[-1]
         src.send(f"SEGMENT: {seg.path} {src.next_start} 1 188 7 1\n")
         d.wait_log(rf"added LIVE .* m60 .*{seg.path}\n")
         for kind in ("LIV chan", "VOD chan", f"EVE chan {segs[0].start} 0"):
-            assert failure(kind) == (500, "internal")
+            fill()
+            assert d.ask("T1 " + kind).error == (500, "internal")
         assert not d.files("*.tmp") and not [name for name in d.files("*.m3u8") if os.path.getsize(name) == 0]
         os.ftruncate(filler, 0)
         os.close(filler)
         live = d.ask("T1 LIV chan")
         assert live.playlist.text != before and live.playlist.names[-2:] == names([seg, seg])
         assert d.ask("T1 VOD chan").playlist.names == names(segs + [seg])
-        d.stop()
-        assert not d.files("*.m3u8*")
     finally:
         d.stop()
         subprocess.run(["umount", "-l", d.data], check=True)
-
-def test_lock_file_taken_by_a_directory(lumo):
-    d = lumo()
-    src = d.source()
-    segs = src.feed(2)
-    os.mkdir(f"{d.data}/chan-LIV1-M0.m3u8.alk")
-    assert d.ask("T1 LIV chan").error == (500, "internal")
-    reply = d.ask("T1 LIV chan")
-    assert reply.path.endswith("/chan-LIV2-M0.m3u8") and reply.playlist.names == names(segs)
-    os.mkdir(f"{d.data}/chan-VOD3-M0.m3u8")
-    assert d.ask("T1 VOD chan").error == (500, "internal")
-    assert not d.files("*.tmp")
-    assert d.ask("T1 VOD chan").playlist.names == names(segs)
 
 # --- crowds ---
 
@@ -118,8 +96,7 @@ def test_thousand_idle_connections(lumo, many_descriptors):
     assert at_end(over)
     d.wait_log(r"Too many user requests \(1000\) queued")
     segs += src.feed(1)
-    high = d.source("high")
-    high.feed(2)
+    d.source("high").feed(2)
     idle[500].sendall(b"T1 LIV high\n")
     assert b" text/M3U " in idle[500].recv(4096)
     for sock in idle[:200]:
@@ -137,8 +114,7 @@ def test_out_of_descriptors(make):
     src.feed(2)
     vod = d.ask("T1 VOD chan")
     socks = [connect(d.pl_sock) for _ in range(100)] + [connect(d.src_sock) for _ in range(50)]
-    ends = until(lambda: (lambda n: n if n >= 150 - hard else 0)(sum(at_end(sock, limit=0) for sock in socks)), "shedding")
-    assert ends < 150
+    until(lambda: 150 - hard <= sum(at_end(sock, limit=0) for sock in socks) < 150, "shedding")
     used = _cpu(d.pid)
     src.feed(1)
     open_ones = [sock for sock in socks if not at_end(sock, limit=0)]
@@ -162,34 +138,6 @@ def _cpu(pid):
     return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 # --- crashes and depth ---
-
-def test_kill_and_restart_on_the_same_sockets(lumo):
-    d = lumo()
-    src = d.source()
-    src.feed(3)
-    d.ask("T1 LIV chan")
-    d.kill()
-    assert os.path.exists(d.src_sock) and at_end(src.sock)
-    d.start()
-    segs = d.source().feed(2)
-    assert d.ask("T1 LIV chan").playlist.names == names(segs)
-
-@pytest.mark.parametrize("refresh", [False, True])
-@pytest.mark.parametrize("dur", [101, 59, 5000])
-def test_segments_longer_than_the_playback_depth(lumo, refresh, dur):
-    d = lumo(refresh_playlists=refresh)
-    src = d.source(params=f"max_sec=100 data_dir={d.data}")
-    for _ in range(3):
-        segs = src.feed(4, dur=2.0)
-        assert all(reply.path for reply in ask_all(d, segs[0].start)[:2])
-        for _ in range(3):
-            big, = src.feed(1, dur=float(dur))
-            replies = ask_all(d, segs[0].start)
-            if dur > 100:
-                assert {reply.error for reply in replies} == {(404, "no items")}
-    until(lambda: len(d.files("*.m3u8")) <= len(KINDS) * 3, "the old tasks to go")
-    segs = src.feed(3, dur=2.0)
-    assert d.ask("T1 VOD chan").playlist.names[-3:] == names(segs)
 
 # --- signals ---
 
@@ -233,58 +181,3 @@ def test_signals_during_uninterrupted_traffic(lumo):
     d.stop()
     for thread in threads:
         thread.join(10)
-
-# --- clocks ---
-
-def test_task_lives_by_its_lock_file(lumo):
-    d = lumo(task_tmout_sec=1, log={"level": "debug"})
-    src = d.source()
-    src.feed(2)
-    reply = d.ask("T1 LIV chan")
-    lock = reply.path + ".alk"
-
-    def touch(ahead):
-        os.utime(lock, (time.time() + ahead,) * 2)
-        return d.is_answering()
-
-    for ahead in (3600, 0):
-        touch(ahead)
-        checks = d.log_text().count("is alive")
-        until(lambda: touch(ahead) and d.log_text().count("task_xpire: task [LIV1] is alive") > checks, "a check")
-        assert d.ask("T1 LIV chan").path == reply.path
-    os.utime(lock, (time.time() - 1,) * 2)
-    d.wait_log(rf"task \[LIV1\] expired after \d+ >= 1 sec: playlist=\[{reply.path}\]", poke=True)
-    until(lambda: not d.files("*.m3u8*"), "the files to go")
-    again = d.ask("T1 LIV chan")
-    assert again.path.endswith("LIV2-M0.m3u8") and again.playlist.names == ["s0.ts", "s1.ts"]
-    os.unlink(again.path + ".alk")
-    os.unlink(again.path)
-    d.wait_log(r"task \[LIV2\] expired", poke=True)
-    assert d.ask("T1 LIV chan").playlist.names == ["s0.ts", "s1.ts"]
-
-def test_idle_source_expires(lumo):
-    d = lumo(task_tmout_sec=1, src_tmout_sec=1)
-    src = d.source()
-    seg, = src.feed(1)
-    d.ask("T1 LIV chan")
-    d.ask("T1 EVE chan -600 0 peer=p")
-    d.wait_log(r"\[chan\] expired after \d+/1 sec, [12] tasks")
-    d.wait_log(r"removed 1 source\(s\)", poke=True)
-    assert at_end(src.sock)
-    assert d.ask("T1 LIV chan").error == (404, "source not found")
-    assert not d.files("*.m3u8*") and seg.exists()
-    d.source().feed(1)
-    assert d.ask("T1 LIV chan").path
-
-def test_idle_requests_time_out(lumo):
-    d = lumo(urq_tmout_sec=1)
-    d.source().feed(1)
-    fresh, served, half = d.client(), d.client(), connect(d.src_sock)
-    served.ask("T1 LIV chan")
-    half.sendall(b"S1 in")
-    assert fresh.is_closed() and served.is_closed()
-    assert d.log_text().count("TIME-OUT URQ") == 2
-    half.sendall(b"it half\n")
-    d.wait_log(r"src\[half\] fd\d+ .*created")
-    half.shutdown(socket.SHUT_WR)
-    d.wait_log(r"suspend_source: src\[half\]")

@@ -17,9 +17,10 @@ FPS, SEGMENTS, SEC = 25, 6, 2
 def media(tmp_path_factory):
     """Segment files with their durations and time stamps."""
     room = tmp_path_factory.mktemp("media")
-    subprocess.run(["ffmpeg", "-v", "error", "-f", "lavfi", "-i", f"testsrc=size=160x120:rate={FPS}", "-f", "lavfi", "-i",
-                    "sine=frequency=440", "-t", str(SEGMENTS * SEC), "-c:v", "mpeg2video", "-g", str(FPS), "-bf", "0", "-c:a",
-                    "mp2", "-f", "hls", "-hls_time", str(SEC), "-hls_list_size", "0", "-hls_segment_filename", "s%d.ts", "list.m3u8"],
+    subprocess.run(["ffmpeg", "-v", "error", "-f", "lavfi", "-i", f"testsrc=size=160x120:rate={FPS}", "-f", "lavfi",
+                    "-i", "sine=frequency=440", "-t", str(SEGMENTS * SEC), "-c:v", "mpeg2video", "-g", str(FPS),
+                    "-bf", "0", "-c:a", "mp2", "-f", "hls", "-hls_time", str(SEC), "-hls_list_size", "0",
+                    "-hls_segment_filename", "s%d.ts", "list.m3u8"],
                    check=True, cwd=room, timeout=120, stdin=subprocess.DEVNULL)
     durations = [float(dur) for dur in re.findall(r"#EXTINF:([\d.]+),", (room / "list.m3u8").read_text())]
     return [(str(room / f"s{n}.ts"), dur, (n + 1) * SEC * 90000) for n, dur in enumerate(durations)]
@@ -63,8 +64,8 @@ def test_playlists_are_read_and_decoded(lumo, media):
     vod = plain(d.ask("T1 VOD chan"))
     assert abs(float(probe(vod)["format"]["duration"]) - SEGMENTS * SEC) < 0.5
     assert run("ffmpeg", "-v", "error", "-xerror", "-i", vod, "-f", "null", "-") == ""
-    frames = run("ffprobe", "-v", "error", "-count_frames", "-select_streams", "v:0", "-show_entries", "stream=nb_read_frames",
-                 "-of", "csv=p=0", vod)
+    frames = run("ffprobe", "-v", "error", "-count_frames", "-select_streams", "v:0",
+                 "-show_entries", "stream=nb_read_frames", "-of", "csv=p=0", vod)
     assert int(frames.split()[0].strip(",")) == FPS * SEC * SEGMENTS
     event = plain(d.ask(f"T1 EVE chan {segs[1].start} {2 * SEC}"))
     assert abs(float(probe(event)["format"]["duration"]) - 2 * SEC) < 0.5
