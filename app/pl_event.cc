@@ -5,15 +5,18 @@
 #include "app/task.h"
 #include "lib/check.h"
 #include "lib/log.h"
+#include "lib/strops.h"
 #include "lib/timeop.h"
 
 #include <cerrno>
+#include <charconv>
 #include <climits>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 
 LOG_UNIT(LOG_MOD_APP);
 
@@ -127,8 +130,18 @@ pl_item *get_event_item(pl_source *src, long utime) {
 
 // --- keys ---
 
+// "%ld:%ld/%s", cut to what the buffer holds.
 static void mk_key(char *buf, size_t size, long timestamp, long end_time, const char *uid) {
-    snprintf(buf, size, "%ld:%ld/%s", timestamp, end_time, uid ? uid : "-");
+    char full[64 + MAX_PEER_TAG];
+    char *const end = full + 64;
+    char *at = std::to_chars(full, end, timestamp).ptr;
+    *at++ = ':';
+    at = std::to_chars(at, end, end_time).ptr;
+    *at++ = '/';
+    std::string_view name = uid ? uid : "-";
+    name = name.substr(0, MAX_PEER_TAG);
+    memcpy(at, name.data(), name.size());
+    copy_cut(buf, size, {full, static_cast<size_t>(at - full) + name.size()});
 }
 
 pl_task *get_assoc_task(skht_t ht, long timestamp, long duration, const char *uid) {
