@@ -4,12 +4,14 @@
 #include "app/task.h"
 #include "lib/check.h"
 #include "lib/log.h"
+#include "lib/strops.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 
 LOG_UNIT(LOG_MOD_APP);
 
@@ -152,15 +154,27 @@ int errno2http(int err) {
     return 500;
 }
 
-// False when the line would be too long.
-static bool format_success(const pl_task *task, const char *client_id, char *buf) {
-    int n = snprintf(buf, RESPONSE_LIMIT, "%s %s %s \n", client_id,
-                     task->is_gzipped ? "gzip/M3U" : "text/M3U", task->fpath);
-    if (n <= static_cast<int>(RESPONSE_LIMIT))
-        return true;
-    LOG(LL_ERROR, "%s: insufficient space for response, need/got %d/%zu bytes, resp=%s\n", "mk_response", n,
-        RESPONSE_LIMIT, buf);
-    return false;
+// "%s %s %s \n" into `buf`; false when the line would be too long.
+static bool format_success(const pl_task *task, const char *client_id, char (&buf)[RESPONSE_LIMIT]) {
+    const std::string_view fields[] = {client_id, task->is_gzipped ? "gzip/M3U" : "text/M3U", task->fpath,
+                                       "\n"};
+    char line[RESPONSE_LIMIT + 1];
+    size_t len = 0;
+    for (std::string_view field : fields) {
+        size_t gap = len > 0 ? 1 : 0;
+        if (len + gap + field.size() > RESPONSE_LIMIT) {
+            LOG(LL_ERROR, "%s: insufficient space for response, need/got %zu/%zu bytes, resp=%.*s\n",
+                "mk_response", strlen(client_id) + strlen(task->fpath) + sizeof("gzip/M3U") + 3,
+                RESPONSE_LIMIT, static_cast<int>(len), line);
+            return false;
+        }
+        if (gap > 0)
+            line[len++] = ' ';
+        memcpy(line + len, field.data(), field.size());
+        len += field.size();
+    }
+    copy_cut(buf, sizeof(buf), {line, len});
+    return true;
 }
 
 char *mk_response(pl_task *task, const char *client_id, const char *errmsg, int *prc) {
