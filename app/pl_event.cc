@@ -285,7 +285,7 @@ struct event_rq {
     long duration;
     bool is_pseudo_live;
     bool can_roll;   // bound to its peer, moving on with the source
-    const char *uid; // the peer then
+    const char *uid; // the peer then; a task that takes the peer over keeps it alive
 };
 
 static void weigh_request(event_rq *rq, const pl_urq *urq) {
@@ -363,13 +363,12 @@ static pl_task *match_or_make(const event_rq &rq, pl_urq *urq, const char **errm
 }
 
 // Its key, and a playlist file for a task that lost it.
-static pl_task *settle_task(const event_rq &rq, pl_task *task, bool is_found_by_key, int *code) {
+static void settle_task(const event_rq &rq, pl_task *task, bool is_found_by_key, int *code) {
     CHECK(task->tag.num == PL_EVE);
     if (!is_found_by_key)
-        assoc_utime(task, rq.timestamp, rq.can_roll ? task->peer_tag : nullptr);
+        assoc_utime(task, rq.timestamp, rq.uid);
     if (task->fpath[0] == '\0')
         *code = mk_playlist(task);
-    return task;
 }
 
 int get_event_pl(pl_urq *urq, const char *itag, const char *nametag, long timestamp, long duration,
@@ -396,7 +395,7 @@ int get_event_pl(pl_urq *urq, const char *itag, const char *nametag, long timest
         if (!task)
             task = match_or_make(rq, urq, &errmsg, &code);
         if (task)
-            task = settle_task(rq, task, is_found_by_key, &code);
+            settle_task(rq, task, is_found_by_key, &code);
     }
     set_response(urq, task, itag, errmsg, &code);
     return code;

@@ -8,6 +8,7 @@
 #include "lib/util.h"
 
 #include <cerrno>
+#include <charconv>
 #include <climits>
 #include <cmath>
 #include <cstdarg>
@@ -148,13 +149,7 @@ static char *put_duration(char *at, double sec) {
     uint64_t micros = static_cast<uint64_t>(llrint(sec * 1e6));
     unsigned whole = static_cast<unsigned>(micros / 1'000'000);
     unsigned frac = static_cast<unsigned>(micros % 1'000'000);
-    char digits[8];
-    size_t n = sizeof(digits);
-    do {
-        digits[--n] = static_cast<char>('0' + whole % 10);
-        whole /= 10;
-    } while (whole > 0);
-    at = put_text(at, {digits + n, sizeof(digits) - n});
+    at = std::to_chars(at, at + LINE_ROOM / 2, whole).ptr;
     *at++ = '.';
     at = put_pair(at, frac / 10'000);
     at = put_pair(at, frac / 100 % 100);

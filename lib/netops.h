@@ -84,6 +84,10 @@ int set_mcast_ttl(int fd, int family, int ttl);
 bool is_multicast(const sockaddr *addr);
 
 int get_ifc_info(const char *name, int family, ifc_info *out); // 0 or -1
+// Address records arrive behind the generic type: they are copied, never read through it.
+sockaddr_in as_in(const sockaddr *addr);
+sockaddr_in6 as_in6(const sockaddr *addr);
+void copy_addr(sockaddr_storage *to, const sockaddr *from, socklen_t len);
 bool is_anyaddr(const sockaddr *addr);
 bool saddr_equal(const sockaddr *a, const sockaddr *b); // address and port
 socklen_t saddr_len(int family);

@@ -19,20 +19,19 @@ LOG_UNIT(LOG_MOD_APP);
 
 static constexpr size_t UNIX_PATH_SIZE = sizeof(sockaddr_un::sun_path);
 
-// Address records arrive behind the generic type: they are copied, never read through it.
-static sockaddr_in as_in(const sockaddr *addr) {
+sockaddr_in as_in(const sockaddr *addr) {
     sockaddr_in out;
     memcpy(&out, addr, sizeof(out));
     return out;
 }
 
-static sockaddr_in6 as_in6(const sockaddr *addr) {
+sockaddr_in6 as_in6(const sockaddr *addr) {
     sockaddr_in6 out;
     memcpy(&out, addr, sizeof(out));
     return out;
 }
 
-static void copy_addr(sockaddr_storage *to, const sockaddr *from, socklen_t len) {
+void copy_addr(sockaddr_storage *to, const sockaddr *from, socklen_t len) {
     memcpy(to, from, std::min<size_t>(len, sizeof(*to)));
 }
 

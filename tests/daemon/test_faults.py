@@ -62,6 +62,8 @@ def test_full_disk(make):
         seg = segs[-1]
         src.send(f"SEGMENT: {seg.path} {src.next_start} 1 188 7 1\n")
         d.wait_log(rf"added LIVE .* m60 .*{seg.path}\n")
+        # The record comes before the playlist is given up; an answer tells that the daemon is through with both.
+        assert d.ask("T1 LIV nobody").error == (404, "source not found")
         for kind in ("LIV chan", "VOD chan", f"EVE chan {segs[0].start} 0"):
             fill()
             assert d.ask("T1 " + kind).error == (500, "internal")
