@@ -1,6 +1,7 @@
 #!/bin/sh
-# Checks the layering: includes point downwards only (app > common > lib), every source includes its own
-# header first, and no circle stands between the headers or between the modules of a layer.
+# Checks the layering: includes point downwards only (app > common > lib; tools stands on common and lib, and on
+# nothing of app but the configuration), every source includes its own header first, and no circle stands
+# between the headers or between the modules of a layer.
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -9,7 +10,8 @@ import pathlib
 import re
 import sys
 
-LAYERS = ["lib", "common", "app"]  # from the ground up
+LAYERS = ["lib", "common", "app", "tools"]  # from the ground up
+TOOLS_MAY_USE = ["app/cfg.h", "app/plum.h"]  # the configuration and its record
 faults = []
 headers, modules = {}, {}  # who includes whom: header to header, module to module
 
@@ -19,7 +21,7 @@ def includes(path):
 
 
 def check_file(layer, path):
-    own = f"{layer}/{path.stem}"
+    own = str(path.with_suffix(""))
     found = includes(path)
     if path.suffix == ".cc" and path.with_suffix(".h").exists() and found[:1] != [own + ".h"]:
         faults.append(f"{path}: does not include its own header first")
@@ -29,6 +31,8 @@ def check_file(layer, path):
             faults.append(f"{path}: includes {name}, which is in no layer")
         elif LAYERS.index(other) > LAYERS.index(layer):
             faults.append(f"{path}: {layer} includes {name} from above")
+        elif layer == "tools" and other == "app" and name not in TOOLS_MAY_USE:
+            faults.append(f"{path}: a program of its own includes {name} of the daemon")
         elif other == layer and name != own + ".h":
             modules.setdefault(own, set()).add(name.removesuffix(".h"))
             if path.suffix == ".h":
@@ -55,7 +59,9 @@ def find_circle(graph):
 
 count = 0
 for layer in LAYERS:
-    for path in sorted(pathlib.Path(layer).glob("*.[ch]*")):
+    for path in sorted(pathlib.Path(layer).rglob("*.[ch]*")):
+        if path.suffix not in (".h", ".cc"):
+            continue
         count += 1
         check_file(layer, path)
 for kind, graph in (("headers", headers), ("modules", modules)):
