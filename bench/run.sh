@@ -3,11 +3,11 @@
 # usage: bench/run.sh [BUILD_DIR [BENCHMARK...]]
 set -eu
 src=$(cd "$(dirname "$0")/.." && pwd)
-build=${1:-$src/build-bench}
+build=${1:-$src/build/bench}
 [ $# -gt 0 ] && shift
 [ $# -gt 0 ] || set -- rq feed turnover playlist memory log event manifest idle
-cmake -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=Release -DLUMO_BENCH=ON -DLUMO_TESTS=OFF >/dev/null
-cmake --build "$build" -j "$(nproc)" >/dev/null
+cmake -G Ninja -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=Release -DLUMO_BENCH=ON -DLUMO_TESTS=OFF >/dev/null
+cmake --build "$build" >/dev/null
 out=$(mktemp)
 trap 'rm -f "$out"' EXIT
 for name; do

@@ -1,25 +1,40 @@
 #!/bin/sh
 # Installs the Debian packages that are missing:  install-deps.sh GROUP...
-# Groups: build (compile), test (unit and daemon tests), demo (real media), bench (benchmarks), lint (checks
-# of the sources). Root rights are asked for only when something is missing.
+#   build    compile the daemon           test     unit and daemon tests
+#   demo     real media                   web      the front end and its page's player
+#   browser  the page in a real browser   edge     nginx before the front end
+#   status   checks of the metrics        package  make packages and try them
+#   bench    benchmarks                   lint     checks of the sources
+# Root rights are asked for only when something is missing. What apt says is in build/apt.log, shown when it fails.
 set -eu
+cd "$(dirname "$0")/.."
 
 packages_of() {
     case $1 in
     build) echo g++ cmake ninja-build pkg-config libconfig-dev zlib1g-dev ;;
     test) echo libgtest-dev python3 python3-pytest ffmpeg ;;
     demo) echo ffmpeg python3 socat ;;
+    web) echo libmicrohttpd-dev ca-certificates npm ;;
+    browser) echo chromium chromium-driver ;;
+    edge) echo nginx-light ;;
+    status) echo prometheus ;;
+    package) echo dpkg-dev file lintian debootstrap ;;
     bench) echo libbenchmark-dev ;;
-    lint) echo clang-format clang-tidy shellcheck man-db ;;
+    lint) echo clang-format clang-tidy shellcheck man-db python3 ;;
     *)
-        echo "install-deps.sh: unknown group: $1 (build, test, demo, bench, lint)" >&2
+        echo "install-deps.sh: unknown group: $1" >&2
         return 2
         ;;
     esac
 }
 
 is_installed() {
-    [ "$(dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
+    case $1 in
+    # Also there from other sources than Debian's package.
+    npm) command -v npm >/dev/null ;;
+    nginx-light) command -v nginx >/dev/null || [ -x /usr/sbin/nginx ] ;;
+    *) [ "$(dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null)" = installed ] ;;
+    esac
 }
 
 missing=
@@ -41,6 +56,16 @@ else
     echo "install-deps.sh: needs root or sudo to install:$missing" >&2
     exit 1
 fi
-$as_root apt-get -q update
+
 # shellcheck disable=SC2086 # a list of words
-$as_root env DEBIAN_FRONTEND=noninteractive apt-get -q -y --no-install-recommends install $missing
+install_missing() {
+    $as_root apt-get -q update &&
+        $as_root env DEBIAN_FRONTEND=noninteractive apt-get -q -y --no-install-recommends install $missing
+}
+
+mkdir -p build
+install_missing >build/apt.log 2>&1 || {
+    cat build/apt.log >&2
+    echo "install-deps.sh: could not install:$missing" >&2
+    exit 1
+}
