@@ -140,11 +140,27 @@ static void note_added(pl_source *src, double sec) {
         ++longest.count;
 }
 
+// From the item on, since what was sorted in shifts the counts of all that are newer.
+static void count_breaks(pl_source *src, pl_item *item) {
+    const pl_item *newer = newer_item(item);
+    uint32_t breaks = newer ? item_breaks(newer) : src->breaks;
+    if (const pl_item *older = older_item(item))
+        breaks = item_breaks(older) + (is_segment(older) ? 0 : 1);
+    for (; item; item = newer_item(item)) {
+        item->le.note = breaks;
+        breaks += is_segment(item) ? 0 : 1;
+    }
+    src->breaks = breaks;
+}
+
 static bool insert_item(pl_source *src, pl_item *item) {
     bool must_sort = src->manif.is_feeding && src->manif.must_sort;
     dlep_elem *in =
         must_sort ? dlep_sadd(src->items, &item->le, 0, plitem_cmp) : dlep_append(src->items, &item->le);
-    return in == &item->le;
+    if (in != &item->le)
+        return false;
+    count_breaks(src, item);
+    return true;
 }
 
 // At least once for the new item, then until the list is within the playback length again.

@@ -82,7 +82,7 @@ struct plum_cfg {
 // --- sources and items ---
 
 struct pl_item {
-    dlep_elem le;      // tag (PL_SEG or PL_DIS) and links: prev = older, next = newer
+    dlep_elem le;      // tag (PL_SEG or PL_DIS) and links: prev = older, next = newer; note: item_breaks
     size_t mseq;       // media sequence number
     char *path;        // owned; null for a discontinuity and once it was handed on for deletion
     double duration;   // seconds
@@ -143,8 +143,9 @@ struct pl_source {
     pl_source *master; // ... by this one, which gets its lines
     long tmout_sec;    // idle limit; 0 = the configured one
     manifest_ctx manif;
-    bool has_timer; // registered with the time-out registry
-    bool is_hashed; // found by its name
+    bool has_timer;  // registered with the time-out registry
+    bool is_hashed;  // found by its name
+    uint32_t breaks; // discontinuity markers that were ever put into `items`
 };
 static_assert(std::is_trivially_copyable_v<pl_source>);
 
@@ -253,6 +254,11 @@ inline pl_source *src_by_name(const char *nametag) {
 }
 inline bool is_segment(const pl_item *item) {
     return item->le.tag.num == PL_SEG;
+}
+// How many discontinuity markers of the source's life stand before the item, retired ones included; a marker
+// does not count itself.
+inline uint32_t item_breaks(const pl_item *item) {
+    return item->le.note;
 }
 inline pl_task *src_task(const pl_source *src, ssize_t idx) {
     return xvlst_at<pl_task>(src->tasks, static_cast<size_t>(idx));

@@ -16,6 +16,7 @@ struct dlep_elem {
         int32_t type_id; // free for the user
         n32_tag tag;
     };
+    uint32_t note;   // the owner's, in what would be padding
     dlep_elem *prev; // toward the tail
     dlep_elem *next; // toward the head
 };

@@ -112,6 +112,14 @@ class App : public ::testing::Test {
         return text;
     }
 
+    // The markers before each item.
+    static std::string breaks_of(const pl_source *src) {
+        std::string text;
+        for (const pl_item *at = oldest_item(src); at; at = newer_item(at))
+            text += std::to_string(item_breaks(at)) + " ";
+        return text;
+    }
+
     static pl_task *task(pl_source *src, uint32_t tag, bool is_live, pl_item *first, pl_item *last) {
         pl_task *made = add_task("test", src, tag);
         made->is_live = is_live;

@@ -44,14 +44,16 @@ TEST_F(Item, RoundingNeverOutlivesTheItems) {
     EXPECT_EQ(add_discontinuity(src), 0);
     EXPECT_EQ(dlep_count(src->items), 0u);
     EXPECT_EQ(src->total_sec, 0);
-    append(src, {10});
-    EXPECT_EQ(src->total_sec, 10);
+    append(src, {10, MARKER, 85, 60});
+    EXPECT_EQ(src->total_sec, 60);
+    EXPECT_EQ(breaks_of(src), "2 ") << "of the source's life";
 }
 
 TEST_F(Item, MarkersAndSkippedLines) {
     pl_source *src = source();
     append(src, {MARKER, 10, MARKER, MARKER, 0.5f, 75, MARKER});
     EXPECT_EQ(list_of(src), "s0.ts - s1.ts s2.ts - ");
+    EXPECT_EQ(breaks_of(src), "0 0 1 1 1 ");
     EXPECT_TRUE(item(src, 1)->mseq == 0 && newest_item(src)->mseq == 2);
     EXPECT_EQ(src->total_sec, 85.5);
     expect_logged("invalid duration: 75.000000");

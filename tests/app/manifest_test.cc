@@ -55,8 +55,11 @@ TEST_F(Manifest, OrderAndAge) {
     EXPECT_FALSE(src->manif.must_sort);
     EXPECT_EQ(add_manifest_entry(src, "2: SEGMENT: a.ts 40 10 1 1 1", 2), 0); // earlier than `last_tm`
     EXPECT_TRUE(src->manif.must_sort);
-    EXPECT_EQ(add_manifest_entry(src, "3: SEGMENT: c.ts 70 10 1 1 1", 3), 0);
-    EXPECT_EQ(list_of(src), "a.ts b.ts c.ts ");
+    EXPECT_EQ(add_manifest_entry(src, "3: SEGMENT: DISCONTINUITY 65", 3), 0);
+    EXPECT_EQ(add_manifest_entry(src, "4: SEGMENT: c.ts 70 10 1 1 1", 4), 0);
+    EXPECT_EQ(add_manifest_entry(src, "5: SEGMENT: DISCONTINUITY 45", 5), 0);
+    EXPECT_EQ(list_of(src), "- - a.ts b.ts c.ts ") << "markers keep no start time";
+    EXPECT_EQ(breaks_of(src), "0 1 2 2 2 ");
     src->param.max_mitem_age = 0;
     EXPECT_EQ(add_manifest_entry(src, "6: SEGMENT: f.ts 90 10 1 1 1", 6), -7);
 }
