@@ -65,7 +65,6 @@ static bool last_touch(const pl_task *task, time_t *touched) {
         *touched = task->last_io_time;
         return true;
     }
-    CHECK(task->lkfd >= 0);
     struct stat st;
     if (fstat(task->lkfd, &st) != 0) {
         LOG(LL_ERROR, "%s: [%s] fstat(fd%d,..) ERROR(%d): %s\n", "task_xpire", task->lpath, task->lkfd, errno,

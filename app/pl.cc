@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <string_view>
 
 LOG_UNIT(LOG_MOD_APP);
 
@@ -24,14 +23,14 @@ pl_source *find_pl_source(const char *nametag, const char **errmsg, int *code) {
     if (!src) {
         *errmsg = "source not found";
         *code = PL_NOT_FOUND;
-        LOG(LL_ERROR, "%s: src[%s] not found [%s]\n", "get_pl", nametag, *errmsg);
+        LOG_FN(LL_ERROR, "src[%s] not found [%s]\n", nametag, *errmsg);
         return nullptr;
     }
     CHECK(src->tag.num == PL_SRC);
     if (dlep_count(src->items) == 0) {
         *errmsg = "no items";
         *code = PL_NO_ITEMS;
-        LOG(LL_ERROR, "%s: matched src[%s] has no items\n", "get_pl", nametag);
+        LOG_FN(LL_ERROR, "matched src[%s] has no items\n", nametag);
         return nullptr;
     }
     return src;
@@ -154,27 +153,15 @@ int errno2http(int err) {
     return 500;
 }
 
-// "%s %s %s \n" into `buf`; false when the line would be too long.
+// False when the line would be too long.
 static bool format_success(const pl_task *task, const char *client_id, char (&buf)[RESPONSE_LIMIT]) {
-    const std::string_view fields[] = {client_id, task->is_gzipped ? "gzip/M3U" : "text/M3U", task->fpath,
-                                       "\n"};
-    char line[RESPONSE_LIMIT + 1];
-    size_t len = 0;
-    for (std::string_view field : fields) {
-        size_t gap = len > 0 ? 1 : 0;
-        if (len + gap + field.size() > RESPONSE_LIMIT) {
-            LOG(LL_ERROR, "%s: insufficient space for response, need/got %zu/%zu bytes, resp=%.*s\n",
-                "mk_response", strlen(client_id) + strlen(task->fpath) + sizeof("gzip/M3U") + 3,
-                RESPONSE_LIMIT, static_cast<int>(len), line);
-            return false;
-        }
-        if (gap > 0)
-            line[len++] = ' ';
-        memcpy(line + len, field.data(), field.size());
-        len += field.size();
-    }
-    copy_cut(buf, sizeof(buf), {line, len});
-    return true;
+    const char *form = task->is_gzipped ? "gzip/M3U" : "text/M3U";
+    size_t len = join_cut(buf, sizeof(buf), {client_id, " ", form, " ", task->fpath, " \n"});
+    if (len <= RESPONSE_LIMIT)
+        return true;
+    LOG(LL_ERROR, "%s: insufficient space for response, need/got %zu/%zu bytes, resp=%s\n", "mk_response",
+        len, RESPONSE_LIMIT, buf);
+    return false;
 }
 
 char *mk_response(pl_task *task, const char *client_id, const char *errmsg, int *prc) {

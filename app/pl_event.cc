@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <string_view>
 
 LOG_UNIT(LOG_MOD_APP);
@@ -130,18 +131,15 @@ pl_item *get_event_item(pl_source *src, long utime) {
 
 // --- keys ---
 
+static std::string_view print_long(char (&buf)[24], long n) {
+    return {buf, std::to_chars(buf, std::end(buf), n).ptr};
+}
+
 // "%ld:%ld/%s", cut to what the buffer holds.
 static void mk_key(char *buf, size_t size, long timestamp, long end_time, const char *uid) {
-    char full[64 + MAX_PEER_TAG];
-    char *const end = full + 64;
-    char *at = std::to_chars(full, end, timestamp).ptr;
-    *at++ = ':';
-    at = std::to_chars(at, end, end_time).ptr;
-    *at++ = '/';
-    std::string_view name = uid ? uid : "-";
-    name = name.substr(0, MAX_PEER_TAG);
-    memcpy(at, name.data(), name.size());
-    copy_cut(buf, size, {full, static_cast<size_t>(at - full) + name.size()});
+    char at[24];
+    char end[24];
+    join_cut(buf, size, {print_long(at, timestamp), ":", print_long(end, end_time), "/", uid ? uid : "-"});
 }
 
 pl_task *get_assoc_task(skht_t ht, long timestamp, long duration, const char *uid) {
@@ -158,9 +156,7 @@ pl_task *get_assoc_task(skht_t ht, long timestamp, long duration, const char *ui
         return nullptr;
     }
     pl_task *task = ref_task(static_cast<taskref *>(data));
-    if (!task || task->pprm_idx >= 0)
-        return nullptr;
-    CHECK(task->tag.num == PL_EVE);
+    CHECK(task && task->tag.num == PL_EVE && task->pprm_idx < 0);
     LOG_FN(LL_DEBUG, "%s%u M%zu found by key=%s\n", task->tag.sym, task->tseq,
            task->ifirst ? task->ifirst->mseq : 0, key);
     return task;

@@ -89,9 +89,10 @@ pl_task *get_ref_task(const xvlst *list, size_t i) {
 
 // --- removing ---
 
-// A task about to go is no longer the one that new requests join.
+// A task about to go is no longer the one that new requests join, nor keeps its keys from the next one.
 static void drop_as_shared(pl_task *task) {
     pl_source *src = task->src;
+    rm_from_evht(task);
     if (task->tag.num == PL_LIV && src->live_idx == task->idx) {
         src->live_idx = -1;
         LOG(LL_DEBUG, "%s: idx=%zd dropped as LIVE for src[%s]\n", "pprm_task", task->idx, src->nametag);

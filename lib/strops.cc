@@ -354,3 +354,13 @@ std::string_view scan_rest(line_scan *scan, size_t max) {
     const size_t len = scan->rest.substr(0, max).find('\0');
     return take(scan, len == std::string_view::npos ? std::min(max, scan->rest.size()) : len);
 }
+
+size_t join_cut(char *dst, size_t size, std::initializer_list<std::string_view> parts) {
+    size_t len = 0;
+    for (std::string_view part : parts) {
+        if (len < size)
+            copy_cut(dst + len, size - len, part);
+        len += part.size();
+    }
+    return len;
+}

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <string_view>
 #include <sys/types.h>
 
@@ -61,3 +62,5 @@ std::string_view scan_rest(line_scan *scan, size_t max);
 size_t spoil_zero_line(char *text, size_t len);
 // Copies as much as fits, always terminated; returns `dst`.
 char *copy_cut(char *dst, size_t size, std::string_view text);
+// The same for several parts, one behind the other; returns the length that all of them have.
+size_t join_cut(char *dst, size_t size, std::initializer_list<std::string_view> parts);
