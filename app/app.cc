@@ -1,6 +1,7 @@
 #include "app/app.h"
 
 #include "app/backup.h"
+#include "app/cfg.h"
 #include "app/item.h"
 #include "app/manifest.h"
 #include "app/mdr.h"
@@ -430,8 +431,8 @@ int add_source(pl_urq *urq, const char *nametag, const char *params) {
 
 void source_error(pl_source *src, bool is_hup) {
     int err = src->sockfd >= 0 ? socket_error(src->sockfd) : 0;
-    LOG_FN(LL_ERROR, "%s src[%s] %s(%d): %s\n", is_hup ? "HUP" : "", src->nametag, err != 0 ? "ERROR" : "",
-           err, strerror(err));
+    LOG_FN(hangup_level(err), "%s src[%s] %s(%d): %s\n", is_hup ? "HUP" : "", src->nametag,
+           err != 0 ? "ERROR" : "", err, strerror(err));
     suspend_source(src, err);
 }
 

@@ -5,6 +5,7 @@
 #include "lib/log.h"
 #include "lib/util.h"
 
+#include <charconv>
 #include <cinttypes>
 #include <cstring>
 
@@ -13,6 +14,8 @@ LOG_UNIT(LOG_MOD_APP);
 static constexpr char GROUP[] = "lum";
 static constexpr int PROTO_TCP = 6;
 static constexpr char DEFAULT_DATA_DIR[] = "/tmp";
+static constexpr mode_t DEFAULT_LOCK_MODE = 0644;
+static constexpr int DEFAULT_STATUS_SEC = 5;
 static constexpr int64_t MAX_LOCK_ID = 1'000'000'000'000'000;
 
 int init_plum_config(plum_cfg *cfg) {
@@ -31,6 +34,8 @@ int init_plum_config(plum_cfg *cfg) {
     cfg->min_src_tasks = 8;
     cfg->max_src_tasks = 256;
     cfg->verify_item_filesize = true;
+    cfg->lock_mode = DEFAULT_LOCK_MODE;
+    cfg->status_sec = DEFAULT_STATUS_SEC;
     return 0;
 }
 
@@ -93,9 +98,9 @@ static int load_size(const char *key, size_t *value, int64_t fallback, int64_t m
     return 0;
 }
 
-static int load_seconds(const char *key, int *value, int64_t fallback, int64_t max) {
+static int load_seconds(const char *key, int *value, int64_t fallback, int64_t min, int64_t max) {
     int64_t read = 0;
-    if (appcfg_load_ranged(key, &read, fallback, 1, max, false) != 0)
+    if (appcfg_load_ranged(key, &read, fallback, min, max, false) != 0)
         return -1;
     *value = static_cast<int>(read);
     return 0;
@@ -121,10 +126,10 @@ static int load_limits(plum_cfg *cfg) {
     if (load_size("lum.max_sources", &cfg->max_sources, 256, 1, 1024) != 0 || load_task_limits(cfg) != 0 ||
         load_size("lum.max_playback_time", &cfg->max_plbk_sec, 604800, 600, 5184000) != 0 ||
         load_size("lum.max_live_items", &cfg->max_live_items, 6, 4, 64) != 0 ||
-        load_seconds("lum.src_tmout_sec", &cfg->src_tmout_sec, 30, 300) != 0 ||
-        load_seconds("lum.task_tmout_sec", &cfg->lk_tmout_sec, 20, 100) != 0)
+        load_seconds("lum.src_tmout_sec", &cfg->src_tmout_sec, 30, 1, 300) != 0 ||
+        load_seconds("lum.task_tmout_sec", &cfg->lk_tmout_sec, 20, 1, 100) != 0)
         return -1;
-    return load_seconds("lum.urq_tmout_sec", &cfg->urq_tmout_sec, 8, 120);
+    return load_seconds("lum.urq_tmout_sec", &cfg->urq_tmout_sec, 8, 1, 120);
 }
 
 static int load_switches(plum_cfg *cfg) {
@@ -138,6 +143,7 @@ static int load_switches(plum_cfg *cfg) {
         {"lum.verify_item_filesize", &cfg->verify_item_filesize, true},
         {"lum.use_sid_playlist_dir", &cfg->use_sid_pl_dir, false},
         {"lum.refresh_playlists", &cfg->refresh_pl_files, false},
+        {"lum.strict_hls", &cfg->strict_hls, false},
     };
     for (const auto &one : switches)
         if (load_config_bool(one.key, one.value, one.fallback) != 0)
@@ -188,6 +194,32 @@ static int load_reports(plum_cfg *cfg) {
     return 0;
 }
 
+static int load_lock_mode(plum_cfg *cfg) {
+    static constexpr char KEY[] = "lum.lock_mode";
+    static constexpr unsigned MAX_MODE = 0777;
+    char text[16];
+    if (load_config_str(KEY, text, sizeof(text) - 1, "0644") != 0)
+        return -1;
+    const char *end = text + strlen(text);
+    unsigned mode = 0;
+    auto [at, error] = std::from_chars(text, end, mode, 8);
+    if (error != std::errc{} || at != end || mode > MAX_MODE) {
+        LOG(LL_ERROR, "%s: %s=%s is out of range [0000..%04o]\n", "load_config", KEY, text, MAX_MODE);
+        return -1;
+    }
+    cfg->lock_mode = mode;
+    return 0;
+}
+
+static int load_additions(plum_cfg *cfg) {
+    if (load_seconds("lum.min_target_sec", &cfg->min_target_sec, 0, 0, 60) != 0 ||
+        load_seconds("lum.keep_retired_sec", &cfg->keep_retired_sec, 0, 0, 604800) != 0 ||
+        load_lock_mode(cfg) != 0 ||
+        load_config_str("lum.status_file", cfg->status_file, sizeof(cfg->status_file) - 1, "") != 0)
+        return -1;
+    return load_seconds("lum.status_sec", &cfg->status_sec, DEFAULT_STATUS_SEC, 1, 60);
+}
+
 static int load_prefix(plum_cfg *cfg) {
     return load_config_str("lum.item_url_prefix", cfg->pl_item_pfx, sizeof(cfg->pl_item_pfx) - 1, "");
 }
@@ -196,7 +228,7 @@ static int load_config(plum_cfg *cfg, bool reload) {
     if (!reload && load_fixed(cfg) != 0)
         return -1;
     using loader = int (*)(plum_cfg *);
-    for (loader load : {load_data_dir, load_prefix, load_limits, load_switches, load_reports})
+    for (loader load : {load_data_dir, load_prefix, load_limits, load_switches, load_reports, load_additions})
         if (load(cfg) != 0)
             return -1;
     cfg->last_mtime = get_file_mtime(cfg->config_path, 0);
@@ -256,6 +288,22 @@ static void dump_listeners(FILE *out, const rui_cfg &rui) {
             rui.admin_request_tmout, rui.custom_request_tmout);
 }
 
+// Only what differs from the default.
+static void dump_additions(FILE *out, const plum_cfg *cfg) {
+    if (cfg->strict_hls)
+        fprintf(out, "\tstrict HLS           = %s\n", yes_no(true));
+    if (cfg->min_target_sec > 0)
+        fprintf(out, "\tmin target duration  = %d sec\n", cfg->min_target_sec);
+    if (cfg->keep_retired_sec > 0)
+        fprintf(out, "\tkeep retired files   = %d sec\n", cfg->keep_retired_sec);
+    if (cfg->lock_mode != DEFAULT_LOCK_MODE)
+        fprintf(out, "\tlock file mode       = %04o\n", cfg->lock_mode);
+    if (cfg->status_file[0])
+        fprintf(out, "\tstatus file          = [%s]\n", cfg->status_file);
+    if (cfg->status_sec != DEFAULT_STATUS_SEC)
+        fprintf(out, "\tstatus interval      = %d sec\n", cfg->status_sec);
+}
+
 static void dump_others(FILE *out, const plum_cfg *cfg) {
     fprintf(out, "Others:\n");
     fprintf(out, "\tdata directory       = [%s]\n", cfg->data_dir);
@@ -276,6 +324,7 @@ static void dump_others(FILE *out, const plum_cfg *cfg) {
     fprintf(out, "\trefresh playlists    = %s\n", yes_no(cfg->refresh_pl_files));
     if (cfg->text_live_pl)
         fprintf(out, "\tLIVE playlists are TEXT\n");
+    dump_additions(out, cfg);
     fprintf(out, "\n");
 }
 

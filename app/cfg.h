@@ -3,6 +3,7 @@
 #pragma once
 
 #include "app/plum.h"
+#include "lib/log.h"
 
 #include <cstdio>
 
@@ -19,6 +20,11 @@ bool has_rui_ifc(const plum_cfg *cfg, size_t index);
 // Reads the file at `path`. 0 or non-zero (logged). Values are stored as they are read, so what a failing
 // load did not reach keeps its value.
 int load_plum_config(const char *path, plum_cfg *cfg, bool reload);
+
+// Level of a record about a connection that ended with `err`: one that its peer closed is no failure.
+inline int hangup_level(int err) {
+    return err == 0 ? g_cfg.log.hangups : LL_ERROR;
+}
 
 // Prints the settings.
 void dump_plum_config(FILE *out, const plum_cfg *cfg);

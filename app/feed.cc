@@ -1,6 +1,7 @@
 #include "app/feed.h"
 
 #include "app/backup.h"
+#include "app/cfg.h"
 #include "app/item.h"
 #include "app/mdr.h"
 #include "app/task.h"
@@ -111,7 +112,7 @@ int read_source(pl_source *src) {
     ssize_t n = recv(src->sockfd, buf + len, LINE_MAX_LEN - len, MSG_DONTWAIT);
     if (n <= 0) {
         int err = n < 0 ? errno : 0;
-        LOG_FN(LL_ERROR, "recv(fd%d, ..) ERROR(%d): %s\n", src->sockfd, err, strerror(err));
+        LOG_FN(hangup_level(err), "recv(fd%d, ..) ERROR(%d): %s\n", src->sockfd, err, strerror(err));
         if (err == ECONNRESET || err == ECONNABORTED) {
             LOG_FN(LL_WARN, "src[%s] DISCONNECTED\n", src->nametag);
             suspend_source(src, err);

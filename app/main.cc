@@ -53,8 +53,8 @@ static bool has_pending_data(const pl_urq *urq) {
 static int read_urq(pl_urq *urq, int err) {
     bool is_data = err == 0 || (err == RQS_HUP && has_pending_data(urq));
     if (!is_data) {
-        LOG(LL_ERROR, "%s: URQ [%s] (%p) err=%d\n", "on_read", urq->rq.trk_tag.sym8, static_cast<void *>(urq),
-            err);
+        LOG(hangup_level(err & ~RQS_HUP), "%s: URQ [%s] (%p) err=%d\n", "on_read", urq->rq.trk_tag.sym8,
+            static_cast<void *>(urq), err);
         pprm_urq(urq);
         return 0;
     }
@@ -67,7 +67,8 @@ static int read_urq(pl_urq *urq, int err) {
 static int read_src(pl_source *src, int err) {
     if (err == 0)
         return read_source(src);
-    LOG(LL_ERROR, "%s: src[%s] (%p) err=%d\n", "on_read", src->nametag, static_cast<void *>(src), err);
+    LOG(hangup_level(err & ~RQS_HUP), "%s: src[%s] (%p) err=%d\n", "on_read", src->nametag,
+        static_cast<void *>(src), err);
     source_error(src, err & RQS_HUP);
     return 0;
 }

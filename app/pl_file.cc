@@ -16,6 +16,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string_view>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
 
@@ -272,11 +273,15 @@ int mk_lockfile(pl_task *task) {
     CHECK(-1 == task->lkfd);
     int len = snprintf(task->lpath, sizeof(task->lpath), "%s.alk", task->fpath);
     CHECK(len > 0 && len < static_cast<int>(sizeof(task->lpath)));
-    task->lkfd = W_open(__func__, task->lpath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    task->lkfd = W_open(__func__, task->lpath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, g_cfg.lock_mode);
     if (task->lkfd < 0) {
         task->lpath[0] = '\0';
         return -1;
     }
+    // Neither the mask nor a file that lay there decides who may touch it.
+    if (fchmod(task->lkfd, g_cfg.lock_mode) != 0)
+        LOG_FN(LL_ERROR, "fchmod(%s, %04o) ERROR(%d): %s\n", task->lpath, g_cfg.lock_mode, errno,
+               strerror(errno));
     const lock_data lock = {.owner = getpid(), .touch = 0};
     ssize_t n = W_write_f(__func__, task->lkfd, &lock, sizeof(lock), 1);
     if (n == sizeof(lock)) {

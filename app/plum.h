@@ -76,7 +76,13 @@ struct plum_cfg {
     bool use_sid_pl_dir;   // playlists in a directory named after the source
     bool refresh_pl_files; // rewrite playlists as segments arrive
     mdrep_cfg mdr;
-    int64_t last_mtime; // of the configuration file at the last successful load
+    int64_t last_mtime;    // of the configuration file at the last successful load
+    bool strict_hls;       // playlists as strict players want them
+    int min_target_sec;    // least target duration of a strict playlist
+    int keep_retired_sec;  // seconds that a retired segment's file stays
+    mode_t lock_mode;      // permission bits of lock files
+    char status_file[128]; // empty = none
+    int status_sec;        // between two writings of it
 };
 
 // --- sources and items ---

@@ -1,6 +1,7 @@
 #include "app/rq.h"
 
 #include "app/app.h"
+#include "app/cfg.h"
 #include "app/pl.h"
 #include "app/pl_event.h"
 #include "lib/check.h"
@@ -111,8 +112,8 @@ void pprm_urq(pl_urq *urq) {
 
 void urq_error(pl_urq *urq, bool is_hup) {
     int err = socket_error(urq->rq.fd);
-    LOG_FN(LL_ERROR, "%s URQ(%p) [%s] ERROR(%d): %s\n", is_hup ? "HUP" : "", static_cast<void *>(urq),
-           name_of(urq), err, strerror(err));
+    LOG_FN(hangup_level(err), "%s URQ(%p) [%s] ERROR(%d): %s\n", is_hup ? "HUP" : "",
+           static_cast<void *>(urq), name_of(urq), err, strerror(err));
     pprm_urq(urq);
 }
 
@@ -319,7 +320,7 @@ static int receive(pl_urq *urq) {
     ssize_t n = nread(urq->rq.fd, urq->text + urq->text_len, sizeof(urq->text) - 1 - urq->text_len, 0);
     if (n <= 0) {
         int err = n < 0 ? errno : 0;
-        LOG(LL_ERROR, "%s: read URQ(%p) [%s] ERROR(%d): %s\n", "urq_read", static_cast<void *>(urq),
+        LOG(hangup_level(err), "%s: read URQ(%p) [%s] ERROR(%d): %s\n", "urq_read", static_cast<void *>(urq),
             name_of(urq), err, strerror(err));
         return -1;
     }

@@ -27,6 +27,7 @@ void appcfg_init_log(log_cfg *cfg) {
     cfg->max_size_mb = 4;
     cfg->max_files = 4;
     cfg->ring_pages = RING_DEFAULT_PAGES;
+    cfg->hangups = LL_ERROR;
 }
 
 void appcfg_init_rt(rt_cfg *cfg) {
@@ -54,9 +55,9 @@ static int load_int(const key_name &key, int *value, int fallback) {
     return 0;
 }
 
-static int load_level(const key_name &key, int *level) {
+static int load_level(const key_name &key, int *level, const char *fallback) {
     char word[16];
-    if (load_config_str(key.text, word, sizeof(word) - 1, "info") != 0)
+    if (load_config_str(key.text, word, sizeof(word) - 1, fallback) != 0)
         return -1;
     if (match_log_level(word, level) == 0)
         return 0;
@@ -102,7 +103,7 @@ int appcfg_load_log(const char *group, log_cfg *cfg) {
     }
     int64_t pages = 0;
     if (load_config_str(key("file").text, cfg->path, sizeof(cfg->path) - 1, "") != 0 ||
-        load_level(key("level"), &cfg->level) != 0 ||
+        load_level(key("level"), &cfg->level, "info") != 0 ||
         load_time_format(key("time_format"), &cfg->timefmt) != 0 ||
         load_int(key("max_size_mb"), &cfg->max_size_mb, 64) != 0 ||
         load_int(key("max_files"), &cfg->max_files, 16) != 0 ||
@@ -110,7 +111,8 @@ int appcfg_load_log(const char *group, log_cfg *cfg) {
         load_config_bool(key("eod_rotate").text, &cfg->eod_rotate, false) != 0 ||
         load_config_str(key("ring").text, cfg->ring, sizeof(cfg->ring) - 1, "") != 0 ||
         appcfg_load_ranged(key("ring_pages").text, &pages, RING_DEFAULT_PAGES, RING_MIN_PAGES, RING_MAX_PAGES,
-                           false) != 0)
+                           false) != 0 ||
+        load_level(key("hangups"), &cfg->hangups, "err") != 0)
         return -1;
     cfg->ring_pages = static_cast<int>(pages);
     return 0;
@@ -157,6 +159,8 @@ void appcfg_dump_log(FILE *out, const log_cfg *cfg) {
     fprintf(out, "\trota:end-of-day = %s\n", cfg->eod_rotate ? "on" : "off");
     if (cfg->ring[0])
         fprintf(out, "\tring            = %s, %d pages\n", cfg->ring, cfg->ring_pages);
+    if (cfg->hangups != LL_ERROR)
+        fprintf(out, "\thang-ups        = %s\n", log_level_str(cfg->hangups));
 }
 
 void appcfg_dump_rt(FILE *out, const rt_cfg *cfg) {

@@ -15,6 +15,7 @@ struct log_cfg {
     bool eod_rotate;
     char ring[64]; // name of the shared-memory ring; empty = none
     int ring_pages;
+    int hangups; // level of the records about a connection that its peer closed without an error
 };
 
 struct rt_cfg {

@@ -25,7 +25,8 @@ TEST_F(Cfg, RangesAndMessages) {
     const std::tuple<std::string, int64_t, int64_t> ranges[] = {
         {"max_sources", 1, 1024},  {"max_src_tasks", 8, 512}, {"max_playback_time", 600, 5184000},
         {"max_live_items", 4, 64}, {"src_tmout_sec", 1, 300}, {"task_tmout_sec", 1, 100},
-        {"urq_tmout_sec", 1, 120}};
+        {"urq_tmout_sec", 1, 120}, {"min_target_sec", 0, 60}, {"keep_retired_sec", 0, 604800},
+        {"status_sec", 1, 60}};
     for (const auto &[key, min, max] : ranges)
         for (const int64_t value : {min - 1, min, max, max + 1})
             EXPECT_EQ(load(key + " = " + std::to_string(value) + ";"), value < min || value > max ? -1 : 0)
@@ -47,6 +48,11 @@ TEST_F(Cfg, RangesAndMessages) {
         {md + "};", -1, "load_config: must include lid section\n"},
         {md + "lid = { min = 5; max = 5; prefix = \"p\"; }; };", -1, "load_config: invalid min/max=5/5\n"},
         {md + "lid = { prefix = \"p\"; }; };", -1, "non-empty [lum.md_report.src_base]"},
+        {"lock_mode = \"0777\";", 0, ""},
+        {"lock_mode = \"\";", -1, "load_config: lum.lock_mode= is out of range [0000..0777]\n"},
+        {"lock_mode = \"0668\";", -1, "lum.lock_mode=0668"},
+        {"lock_mode = \"-1\";", -1, "lum.lock_mode=-1"},
+        {"lock_mode = \"1777\";", -1, "lum.lock_mode=1777"},
         {"this is no file", -1, "Error reading/parsing config file [" + dir + "/lum.conf]: line 1: "},
     };
     for (const auto &one : cases) {

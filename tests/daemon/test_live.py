@@ -7,13 +7,14 @@ import pytest
 from harness import names, until
 
 def test_live_playlist_follows_the_feed(lumo):
-    d = lumo(max_live_items=4)
+    d = lumo(max_live_items=4, lock_mode="0666")
     src = d.source()
     segs = src.feed(3, dur=2.0)
     reply = d.ask("T1 LIV chan")
     assert reply.raw == f"T1 text/M3U {d.data}/chan-LIV1-M0.m3u8 \n"
     with open(reply.path + ".alk", "rb") as lock:
         assert struct.unpack("=qq", lock.read()) == (d.pid, 0)
+        assert os.fstat(lock.fileno()).st_mode & 0o777 == 0o666
     segs += src.feed(7)
     again = d.ask("Tother liv chan")
     assert (again.tag, again.path) == ("Tother", reply.path)

@@ -150,8 +150,9 @@ def test_failed_reload_keeps_running(lumo):
 
 @pytest.mark.parametrize("level, tags", [("err", {"ERR"}), ("dbg", {"ERR", "WRN", "NRM", "INF", "DBG"})])
 def test_log_level_from_the_command_line(make, level, tags):
-    d = make(log={"level": "err"})
+    d = make(log={"level": "err", "hangups": "debug"})
     d.start("-C", d.conf, "-L", level)
+    d.poke()
     src = d.source(wait=False)
     until(lambda: d.ask("T1 LIV chan").error == (404, "no items"), "the source")
     src.send("SEGMENT: DISCONTINUITY\nnonsense\n")
@@ -159,3 +160,4 @@ def test_log_level_from_the_command_line(make, level, tags):
     d.is_answering()
     d.stop()
     assert set(re.findall(r"\((\w{3})\)  LUM", d.log_text())) == tags
+    assert not re.search(r"\(ERR\).*(URQ|recv)", d.log_text()), "a peer that closes its connection is no error"
