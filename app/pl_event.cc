@@ -2,6 +2,7 @@
 
 #include "app/pl.h"
 #include "app/pl_file.h"
+#include "app/pl_text.h"
 #include "app/task.h"
 #include "lib/check.h"
 #include "lib/log.h"

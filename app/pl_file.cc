@@ -1,21 +1,18 @@
 #include "app/pl_file.h"
 
+#include "app/pl_text.h"
 #include "app/task.h"
 #include "lib/check.h"
 #include "lib/log.h"
 #include "lib/syswrap.h"
-#include "lib/timeop.h"
 #include "lib/util.h"
 
 #include <cerrno>
-#include <charconv>
 #include <climits>
 #include <cmath>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
@@ -26,31 +23,7 @@ static constexpr size_t NAME_LIMIT = MAX_PL_PATH - 1; // bytes of the name with 
 static constexpr size_t TMP_LIMIT = MAX_PL_PATH + 8;
 static constexpr size_t CHUNK = 256 * 1024;      // written at once
 static constexpr unsigned GZ_BUFFER = 32 * 1024; // smaller than a chunk: compressed straight from ours
-static constexpr size_t LINE_ROOM = 512;         // more than one item's lines can take
 static constexpr size_t MIN_IO_ITEMS = 10;
-
-// --- durations ---
-
-// A duration that a line may carry can be larger than any clock.
-static long whole_sec(double sec) {
-    if (sec >= 9e18)
-        return LONG_MAX;
-    return sec <= -9e18 ? LONG_MIN : static_cast<long>(sec);
-}
-
-time_t item_end_time(const pl_item *item) {
-    return add_seconds(item->start_tm, whole_sec(ceil(item->duration)));
-}
-
-long next_item_sec(const pl_item *item) {
-    const pl_item *next = newer_item(item);
-    return next ? whole_sec(next->duration) : 0;
-}
-
-bool ends_event(const pl_item *item, time_t end_time) {
-    time_t item_end = item_end_time(item);
-    return item_end >= end_time || add_seconds(item_end, next_item_sec(item)) > end_time;
-}
 
 // --- the writer ---
 
@@ -59,15 +32,22 @@ static struct pl_writer {
     FILE *fp;
     gzFile gz;
     bool has_failed;
-    size_t len;
     char buf[CHUNK];
 } g_out;
+
+static void out_drain(text_sink *sink) {
+    if (sink->len > 0 && !g_out.has_failed) {
+        bool is_whole = g_out.gz ? gzwrite(g_out.gz, sink->buf, static_cast<unsigned>(sink->len)) > 0
+                                 : fwrite(sink->buf, 1, sink->len, g_out.fp) == sink->len;
+        g_out.has_failed = !is_whole;
+    }
+    sink->len = 0;
+}
 
 static bool out_open(const char *path, bool is_gzipped) {
     g_out.fp = nullptr;
     g_out.gz = nullptr;
     g_out.has_failed = false;
-    g_out.len = 0;
     if (is_gzipped) {
         g_out.gz = gzopen(path, "w");
         if (g_out.gz)
@@ -80,172 +60,21 @@ static bool out_open(const char *path, bool is_gzipped) {
     return g_out.fp || g_out.gz;
 }
 
-static void out_flush() {
-    if (g_out.len == 0 || g_out.has_failed)
-        return;
-    bool is_whole = g_out.gz ? gzwrite(g_out.gz, g_out.buf, static_cast<unsigned>(g_out.len)) > 0
-                             : fwrite(g_out.buf, 1, g_out.len, g_out.fp) == g_out.len;
-    g_out.has_failed = !is_whole;
-    g_out.len = 0;
-}
-
 // True when everything arrived in the file.
 static bool out_close() {
-    out_flush();
     bool is_closed = g_out.gz ? gzclose(g_out.gz) == Z_OK : fclose(g_out.fp) == 0;
     g_out.fp = nullptr;
     g_out.gz = nullptr;
     return is_closed && !g_out.has_failed;
 }
 
-static char *out_room() {
-    if (sizeof(g_out.buf) - g_out.len < LINE_ROOM)
-        out_flush();
-    if (g_out.has_failed)
-        g_out.len = 0;
-    return g_out.buf + g_out.len;
-}
-
-static void out_advance(const char *end) {
-    g_out.len = static_cast<size_t>(end - g_out.buf);
-}
-
-__attribute__((format(printf, 1, 2))) static void out_printf(const char *format, ...) {
-    char *at = out_room();
-    va_list args;
-    va_start(args, format);
-    int n = vsnprintf(at, LINE_ROOM, format, args);
-    va_end(args);
-    CHECK(n >= 0 && n < static_cast<int>(LINE_ROOM));
-    out_advance(at + n);
-}
-
-static char *put_text(char *at, std::string_view text) {
-    memcpy(at, text.data(), text.size());
-    return at + text.size();
-}
-
-// Two digits at a time; `n` below 100.
-static char *put_pair(char *at, unsigned n) {
-    static constexpr auto PAIRS = [] {
-        struct {
-            char text[200];
-        } out{};
-        for (unsigned i = 0; i < 100; ++i) {
-            out.text[2 * i] = static_cast<char>('0' + i / 10);
-            out.text[2 * i + 1] = static_cast<char>('0' + i % 10);
-        }
-        return out;
-    }();
-    memcpy(at, PAIRS.text + 2 * n, 2);
-    return at + 2;
-}
-
-// "%f". A duration that is a float has at most 24 significant bits, so that its product with a million is
-// exact and rounding it to an integer gives the digits that printf gives.
-static char *put_duration(char *at, double sec) {
-    bool is_simple = sec < 1e6 && !std::signbit(sec) && static_cast<double>(static_cast<float>(sec)) == sec;
-    if (!is_simple)
-        return at + snprintf(at, LINE_ROOM / 2, "%f", sec);
-    uint64_t micros = static_cast<uint64_t>(llrint(sec * 1e6));
-    unsigned whole = static_cast<unsigned>(micros / 1'000'000);
-    unsigned frac = static_cast<unsigned>(micros % 1'000'000);
-    at = std::to_chars(at, at + LINE_ROOM / 2, whole).ptr;
-    *at++ = '.';
-    at = put_pair(at, frac / 10'000);
-    at = put_pair(at, frac / 100 % 100);
-    return put_pair(at, frac % 100);
-}
-
-// --- the text ---
-
-struct pl_totals {
-    unsigned target_sec; // target duration
-    double total_sec;    // durations of the written segments
-    size_t items;        // in the window
-};
-
-// Walks the window. Of a whole list the result is kept, so that the next playlist over it need not walk.
-static longest_item find_longest(const pl_task *task, size_t *items) {
-    longest_item longest{};
-    *items = 0;
-    for (const pl_item *item = task->ifirst;; item = newer_item(item)) {
-        ++*items;
-        if (item->duration > longest.sec)
-            longest = {.sec = item->duration, .count = 1};
-        else if (item->duration == longest.sec)
-            ++longest.count;
-        if (item == task->ilast || !item->le.next)
-            return longest;
-    }
-}
-
-static void measure_window(const pl_task *task, pl_totals *totals) {
-    pl_source *src = task->src;
-    bool is_whole = task->ifirst == oldest_item(src) && task->ilast == newest_item(src);
-    totals->items = dlep_count(src->items);
-    longest_item longest =
-        is_whole && src->longest.count > 0 ? src->longest : find_longest(task, &totals->items);
-    if (is_whole)
-        src->longest = longest;
-    double rounded = nearbyint(longest.sec);
-    unsigned max_duration = rounded < 1 ? 1 : rounded >= UINT_MAX ? UINT_MAX : static_cast<unsigned>(rounded);
-    CHECK(max_duration > 0);
-    totals->target_sec = max_duration;
-}
-
-static const char *playlist_type(const pl_task *task) {
-    if (task->tag.num == PL_VOD)
-        return "VOD";
-    return task->tag.num == PL_EVE && !task->is_live ? "EVENT" : nullptr;
-}
-
-static void write_head(const pl_task *task, const pl_totals &totals) {
-    out_printf("#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-ALLOW-CACHE:YES\n");
-    if (const char *type = playlist_type(task))
-        out_printf("#EXT-X-PLAYLIST-TYPE:%s\n", type);
-    out_printf("#EXT-X-TARGETDURATION:%u\n", totals.target_sec);
-    out_printf("#EXT-X-MEDIA-SEQUENCE:%zu\n", task->is_live ? task->ifirst->mseq : 0);
-}
-
-static void write_segment(const pl_item *item, std::string_view prefix) {
-    char *at = put_text(out_room(), "#EXTINF:");
-    at = put_duration(at, item->duration);
-    at = put_text(at, ",\n");
-    at = put_text(at, prefix);
-    at = put_text(at, item->path);
-    *at++ = '\n';
-    out_advance(at);
-}
-
-static void write_items(pl_task *task, std::string_view prefix, pl_totals *totals) {
-    for (const pl_item *item = task->ifirst;; item = newer_item(item)) {
-        if (is_segment(item)) {
-            write_segment(item, prefix);
-            totals->total_sec += item->duration;
-        } else if (item != task->ifirst) {
-            out_printf("#EXT-X-DISCONTINUITY\n");
-        } else {
-            LOG(LL_DEBUG, "%s: skipping DISCONTINUITY as 1st item\n", "mk_playlist");
-        }
-        if (task->end_time > 0 && ends_event(item, task->end_time)) {
-            task->is_eot = true;
-            LOG(LL_DEBUG, "%s: EOT task (%p) %s%u\n", "mk_playlist", static_cast<void *>(task), task->tag.sym,
-                task->tseq);
-            break;
-        }
-        if (item == task->ilast || !item->le.next)
-            break;
-    }
-}
-
 static void write_text(pl_task *task, pl_totals *totals) {
-    const char *prefix = task->src->item_pfx ? task->src->item_pfx : g_cfg.pl_item_pfx;
-    LOG(LL_DEBUG, "%s: using pfx=%s\n", "mk_playlist", prefix);
-    write_head(task, *totals);
-    write_items(task, prefix, totals);
-    if (task->is_eot || task->ilast->is_endlist || task->tag.num == PL_VOD)
-        out_printf("#EXT-X-ENDLIST\n");
+    text_sink sink = {.buf = g_out.buf, .size = sizeof(g_out.buf), .len = 0, .drain = out_drain};
+    pl_style style = text_style(task);
+    put_head(&sink, task, *totals);
+    put_items(&sink, task, style, totals);
+    put_end(&sink, task);
+    out_drain(&sink);
 }
 
 // --- the files ---

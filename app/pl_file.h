@@ -1,4 +1,4 @@
-// The playlist writer: one M3U8 file per task, rewritten whole through a ".tmp" file and a rename, and the
+// The playlist files: one M3U8 file per task, rewritten whole through a ".tmp" file and a rename, and the
 // lock file beside it whose modification time the consumer's side refreshes while somebody is watching.
 #pragma once
 
@@ -22,10 +22,3 @@ int mk_lockfile(pl_task *task);
 // Tunes the seconds the lock file may stay untouched: `max_dur` is the target duration, `total_dur` the
 // playlist's length, both in seconds, `item_count` its items.
 void adjust_lk_timeout(pl_task *task, int max_dur, int total_dur, size_t item_count);
-
-// The Unix time at which an item ends, its duration rounded up.
-time_t item_end_time(const pl_item *item);
-// Whole seconds of the next newer item, 0 when there is none.
-long next_item_sec(const pl_item *item);
-// Whether an event that ends at `end_time` ends with this item, or before the next one does.
-bool ends_event(const pl_item *item, time_t end_time);

@@ -1,0 +1,188 @@
+#include "app/pl_text.h"
+
+#include "lib/check.h"
+#include "lib/log.h"
+#include "lib/timeop.h"
+
+#include <charconv>
+#include <climits>
+#include <cmath>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+LOG_UNIT(LOG_MOD_APP);
+
+// --- durations ---
+
+// A duration that a line may carry can be larger than any clock.
+static long whole_sec(double sec) {
+    if (sec >= 9e18)
+        return LONG_MAX;
+    return sec <= -9e18 ? LONG_MIN : static_cast<long>(sec);
+}
+
+time_t item_end_time(const pl_item *item) {
+    return add_seconds(item->start_tm, whole_sec(ceil(item->duration)));
+}
+
+long next_item_sec(const pl_item *item) {
+    const pl_item *next = newer_item(item);
+    return next ? whole_sec(next->duration) : 0;
+}
+
+bool ends_event(const pl_item *item, time_t end_time) {
+    time_t item_end = item_end_time(item);
+    return item_end >= end_time || add_seconds(item_end, next_item_sec(item)) > end_time;
+}
+
+// --- the sink ---
+
+static char *sink_room(text_sink *out) {
+    if (out->size - out->len < TEXT_LINE_ROOM)
+        out->drain(out);
+    return out->buf + out->len;
+}
+
+static void sink_advance(text_sink *out, const char *end) {
+    out->len = static_cast<size_t>(end - out->buf);
+}
+
+__attribute__((format(printf, 2, 3))) static void sink_printf(text_sink *out, const char *format, ...) {
+    char *at = sink_room(out);
+    va_list args;
+    va_start(args, format);
+    int n = vsnprintf(at, TEXT_LINE_ROOM, format, args);
+    va_end(args);
+    CHECK(n >= 0 && n < static_cast<int>(TEXT_LINE_ROOM));
+    sink_advance(out, at + n);
+}
+
+static char *put_text(char *at, std::string_view text) {
+    memcpy(at, text.data(), text.size());
+    return at + text.size();
+}
+
+// Two digits at a time; `n` below 100.
+static char *put_pair(char *at, unsigned n) {
+    static constexpr auto PAIRS = [] {
+        struct {
+            char text[200];
+        } out{};
+        for (unsigned i = 0; i < 100; ++i) {
+            out.text[2 * i] = static_cast<char>('0' + i / 10);
+            out.text[2 * i + 1] = static_cast<char>('0' + i % 10);
+        }
+        return out;
+    }();
+    memcpy(at, PAIRS.text + 2 * n, 2);
+    return at + 2;
+}
+
+// "%f". A duration that is a float has at most 24 significant bits, so that its product with a million is
+// exact and rounding it to an integer gives the digits that printf gives.
+static char *put_duration(char *at, double sec) {
+    bool is_simple = sec < 1e6 && !std::signbit(sec) && static_cast<double>(static_cast<float>(sec)) == sec;
+    if (!is_simple)
+        return at + snprintf(at, TEXT_LINE_ROOM / 2, "%f", sec);
+    uint64_t micros = static_cast<uint64_t>(llrint(sec * 1e6));
+    unsigned whole = static_cast<unsigned>(micros / 1'000'000);
+    unsigned frac = static_cast<unsigned>(micros % 1'000'000);
+    at = std::to_chars(at, at + TEXT_LINE_ROOM / 2, whole).ptr;
+    *at++ = '.';
+    at = put_pair(at, frac / 10'000);
+    at = put_pair(at, frac / 100 % 100);
+    return put_pair(at, frac % 100);
+}
+
+// --- the text ---
+
+// Walks the window. Of a whole list the result is kept, so that the next playlist over it need not walk.
+static longest_item find_longest(const pl_task *task, size_t *items) {
+    longest_item longest{};
+    *items = 0;
+    for (const pl_item *item = task->ifirst;; item = newer_item(item)) {
+        ++*items;
+        if (item->duration > longest.sec)
+            longest = {.sec = item->duration, .count = 1};
+        else if (item->duration == longest.sec)
+            ++longest.count;
+        if (item == task->ilast || !item->le.next)
+            return longest;
+    }
+}
+
+void measure_window(const pl_task *task, pl_totals *totals) {
+    pl_source *src = task->src;
+    bool is_whole = task->ifirst == oldest_item(src) && task->ilast == newest_item(src);
+    totals->items = dlep_count(src->items);
+    longest_item longest =
+        is_whole && src->longest.count > 0 ? src->longest : find_longest(task, &totals->items);
+    if (is_whole)
+        src->longest = longest;
+    double rounded = nearbyint(longest.sec);
+    unsigned max_duration = rounded < 1 ? 1 : rounded >= UINT_MAX ? UINT_MAX : static_cast<unsigned>(rounded);
+    CHECK(max_duration > 0);
+    totals->target_sec = max_duration;
+}
+
+static const char *playlist_type(const pl_task *task) {
+    if (task->tag.num == PL_VOD)
+        return "VOD";
+    return task->tag.num == PL_EVE && !task->is_live ? "EVENT" : nullptr;
+}
+
+pl_style text_style(const pl_task *task) {
+    const char *prefix = task->src->item_pfx ? task->src->item_pfx : g_cfg.pl_item_pfx;
+    LOG(LL_DEBUG, "%s: using pfx=%s\n", "mk_playlist", prefix);
+    return {.prefix = prefix};
+}
+
+void put_head(text_sink *out, const pl_task *task, const pl_totals &totals) {
+    sink_printf(out, "#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-ALLOW-CACHE:YES\n");
+    if (const char *type = playlist_type(task))
+        sink_printf(out, "#EXT-X-PLAYLIST-TYPE:%s\n", type);
+    sink_printf(out, "#EXT-X-TARGETDURATION:%u\n", totals.target_sec);
+    sink_printf(out, "#EXT-X-MEDIA-SEQUENCE:%zu\n", task->is_live ? task->ifirst->mseq : 0);
+}
+
+static void put_segment(text_sink *out, const pl_item *item, const pl_style &style) {
+    char *at = put_text(sink_room(out), "#EXTINF:");
+    at = put_duration(at, item->duration);
+    at = put_text(at, ",\n");
+    at = put_text(at, style.prefix);
+    at = put_text(at, item->path);
+    *at++ = '\n';
+    sink_advance(out, at);
+}
+
+void put_item(text_sink *out, const pl_item *item, const pl_style &style) {
+    if (is_segment(item))
+        put_segment(out, item, style);
+    else
+        sink_printf(out, "#EXT-X-DISCONTINUITY\n");
+}
+
+void put_items(text_sink *out, pl_task *task, const pl_style &style, pl_totals *totals) {
+    for (const pl_item *item = task->ifirst;; item = newer_item(item)) {
+        if (is_segment(item))
+            totals->total_sec += item->duration;
+        if (is_segment(item) || item != task->ifirst)
+            put_item(out, item, style);
+        else
+            LOG(LL_DEBUG, "%s: skipping DISCONTINUITY as 1st item\n", "mk_playlist");
+        if (task->end_time > 0 && ends_event(item, task->end_time)) {
+            task->is_eot = true;
+            LOG(LL_DEBUG, "%s: EOT task (%p) %s%u\n", "mk_playlist", static_cast<void *>(task), task->tag.sym,
+                task->tseq);
+            break;
+        }
+        if (item == task->ilast || !item->le.next)
+            break;
+    }
+}
+
+void put_end(text_sink *out, const pl_task *task) {
+    if (task->is_eot || task->ilast->is_endlist || task->tag.num == PL_VOD)
+        sink_printf(out, "#EXT-X-ENDLIST\n");
+}
