@@ -2,11 +2,13 @@
 
 #include "app/backup.h"
 #include "app/cfg.h"
+#include "app/feed.h"
 #include "app/item.h"
 #include "app/manifest.h"
 #include "app/mdr.h"
 #include "app/task.h"
 #include "lib/check.h"
+#include "lib/fdio.h"
 #include "lib/log.h"
 #include "lib/netops.h"
 #include "lib/rqs.h"
@@ -152,13 +154,11 @@ void copy_params(src_params *dst, const src_params *src) {
 
 // --- one source ---
 
-static void keep_tail(pl_source *src, const char *tail) {
-    free(src->tail);
-    src->tail = nullptr;
-    if (!tail || !*tail)
-        return;
-    src->tail = strdup(tail);
-    LOG(LL_DEBUG, "%s: tail carried over [%s]\n", "init_src", tail);
+static void keep_tail(pl_source *src, std::string_view tail) {
+    keep_partial(src, tail);
+    if (!tail.empty())
+        LOG(LL_DEBUG, "%s: tail carried over [%.*s]\n", "init_src", static_cast<int>(tail.size()),
+            tail.data());
 }
 
 // The task table, the item list and the event keys; without memory for them there is no service.
@@ -184,7 +184,7 @@ static void name_source(pl_source *src, const char *nametag) {
     copy_cut(src->nametag, sizeof(src->nametag), nametag);
 }
 
-int init_src(pl_source *src, const char *nametag, ssize_t idx, int fd, const char *tail,
+int init_src(pl_source *src, const char *nametag, ssize_t idx, int fd, std::string_view tail,
              const src_params *params) {
     LOG_FN(LL_DEBUG, "BEGIN src[%s] from fd%d\n", nametag, fd);
     *src = {};
@@ -240,7 +240,8 @@ static void free_texts(pl_source *src) {
         LOG(LL_DEBUG, "%s: rcy_path=[%s]\n", "destroy_src", src->rcy_fpath);
     if (src->item_pfx)
         LOG(LL_DEBUG, "%s: item_pfx=[%s]\n", "destroy_src", src->item_pfx);
-    for (char **text : {&src->tail, &src->rcy_fpath, &src->item_pfx}) {
+    keep_partial(src, {});
+    for (char **text : {&src->rcy_fpath, &src->item_pfx}) {
         free(*text);
         *text = nullptr;
     }
@@ -336,7 +337,7 @@ static int hash_source(pl_source *src) {
 }
 
 // `fd` is owned by the source, or closed.
-static int register_source(int fd, const char *nametag, const char *tail, const src_params *params) {
+static int register_source(int fd, const char *nametag, std::string_view tail, const src_params *params) {
     ssize_t j = xvlst_add(&g_ctx.sources, sizeof(pl_source), 1);
     if (j < 0) {
         LOG(LL_ERROR, "%s: cannot add source [%s] to app, j=%zd\n", "add_source", nametag, j);
@@ -355,6 +356,7 @@ static int register_source(int fd, const char *nametag, const char *tail, const 
         return rc;
     }
     LOG(LL_INFO, "src[%s] fd%d (%p) created\n", nametag, fd, static_cast<void *>(src));
+    feed_carried(src);
     return 0;
 }
 
@@ -373,7 +375,7 @@ static int create_source(const pl_urq *urq, const char *nametag, const char *tex
     if (!is_acceptable_name(nametag, &params))
         return -1;
     int fd = duplicate_socket(urq->rq.fd);
-    return fd < 0 ? -1 : register_source(fd, nametag, urq->tail, &params);
+    return fd < 0 ? -1 : register_source(fd, nametag, {urq->tail, urq->tail_len}, &params);
 }
 
 // A backup that comes back under its name is a backup again.
@@ -383,6 +385,11 @@ static void renew_role(pl_source *src) {
 }
 
 static int restore_source(pl_source *src, const pl_urq *urq, const char *text) {
+    // The next producer can come before the end of the last one is looked at.
+    if (src->sockfd != -1 && has_hung_up(src->sockfd)) {
+        drain_source(src);
+        source_error(src, true);
+    }
     if (src->sockfd != -1)
         return NAME_IS_CONNECTED;
     if (text && *text) {
@@ -405,10 +412,11 @@ static int restore_source(pl_source *src, const pl_urq *urq, const char *text) {
         return rc;
     }
     stop_sending(src->sockfd);
-    keep_tail(src, urq->tail);
+    keep_tail(src, {urq->tail, urq->tail_len});
     renew_role(src);
     LOG(LL_INFO, "src[%s] fd%d restored with params=[%s]\n", src->nametag, src->sockfd, text ? text : "");
     src->last_item_tm = idle_clock();
+    feed_carried(src);
     return 0;
 }
 

@@ -3,6 +3,8 @@
 
 #include "app/plum.h"
 
+#include <string_view>
+
 // Builds g_ctx from g_cfg: listeners (whose requests are made and removed by `cb`), source table, removal
 // list, name hash, reporter. 0, or an error (logged) after which nothing is left behind. A second call is an
 // assertion failure.
@@ -22,7 +24,7 @@ void copy_params(src_params *dst, const src_params *src);
 
 // Fills a fresh record for the connection `fd`, owned by the source from then on, and registers it with the
 // event service. 0 or an error (logged); the record can be destroyed in either case.
-int init_src(pl_source *src, const char *nametag, ssize_t idx, int fd, const char *tail,
+int init_src(pl_source *src, const char *nametag, ssize_t idx, int fd, std::string_view tail,
              const src_params *params);
 // Releases everything a source owns, half-built ones included; segment files stay. The tag is expired.
 void destroy_src(pl_source *src);

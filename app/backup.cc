@@ -32,8 +32,7 @@ static void disconnect(pl_source *src) {
         W_close("suspend_source", src->sockfd);
     }
     src->sockfd = -1;
-    free(src->tail);
-    src->tail = nullptr;
+    keep_partial(src, {});
 }
 
 int suspend_source(pl_source *src, int err) {
@@ -93,8 +92,8 @@ static int take_connection(pl_source *src, pl_source *bkup) {
         src->sockfd = -1;
         return -1;
     }
-    src->tail = bkup->tail;
-    bkup->tail = nullptr;
+    keep_partial(src, partial_line(bkup));
+    keep_partial(bkup, {});
     return 0;
 }
 

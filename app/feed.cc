@@ -6,6 +6,7 @@
 #include "app/mdr.h"
 #include "app/task.h"
 #include "lib/check.h"
+#include "lib/fdio.h"
 #include "lib/log.h"
 #include "lib/strops.h"
 #include "lib/syswrap.h"
@@ -51,32 +52,12 @@ static int process_line(pl_source *src, std::string_view line, int line_no) {
 }
 
 // A partial line belongs to its connection, which a defunct backup shares with its master.
-static char **partial_line(pl_source *src) {
-    return src->master ? &src->master->tail : &src->tail;
+static pl_source *partial_owner(pl_source *src) {
+    return src->master ? src->master : src;
 }
 
-static void keep_partial(pl_source *src, std::string_view text) {
-    char **tail = partial_line(src);
-    free(*tail);
-    *tail = static_cast<char *>(W_calloc(__func__, 1, text.size() + 1));
-    if (!*tail)
-        return;
-    memcpy(*tail, text.data(), text.size());
-    spoil_zero_line(*tail, text.size());
-}
-
-static int process_buffer(pl_source *src, std::string_view text) {
-    size_t last_lf = text.rfind('\n');
-    if (last_lf == std::string_view::npos) {
-        if (text.size() > MAX_PARTIAL) {
-            LOG(LL_ERROR, "%s: tail too big len=%zu bytes\n", "read_source", text.size());
-            return -1;
-        }
-        LOG(LL_WARN, "%s: got no lines, len=%zu bytes tail=[%.*s]\n", "read_source", text.size(),
-            static_cast<int>(text.size()), text.data());
-        keep_partial(src, text);
-        return 0;
-    }
+// Up to the last line feed; what follows it is kept. 0, or the failure that drops the rest of the text.
+static int process_lines(pl_source *src, std::string_view text, size_t last_lf) {
     int line_no = 0;
     size_t at = 0;
     while ((at = text.find_first_not_of("\r\n", at)) != std::string_view::npos) {
@@ -85,7 +66,7 @@ static int process_buffer(pl_source *src, std::string_view text) {
             std::string_view partial = text.substr(at);
             LOG(LL_DEBUG, "%s: tail at line %d: %zu bytes [%.*s]\n", "read_source", line_no, partial.size(),
                 static_cast<int>(partial.size()), partial.data());
-            keep_partial(src, partial);
+            keep_partial(partial_owner(src), partial);
             break;
         }
         size_t end = text.find_first_of("\r\n", at);
@@ -99,29 +80,68 @@ static int process_buffer(pl_source *src, std::string_view text) {
     return 0;
 }
 
-int read_source(pl_source *src) {
-    char buf[LINE_MAX_LEN + 1];
-    size_t len = 0;
-    char **tail = partial_line(src);
-    if (*tail) {
-        len = strlen(*tail);
-        CHECK(len < LINE_MAX_LEN);
-        memcpy(buf, *tail, len);
-        LOG_FN(LL_DEBUG, "added %zu bytes of tail\n", len);
-    }
-    ssize_t n = recv(src->sockfd, buf + len, LINE_MAX_LEN - len, MSG_DONTWAIT);
-    if (n <= 0) {
-        int err = n < 0 ? errno : 0;
-        LOG_FN(hangup_level(err), "recv(fd%d, ..) ERROR(%d): %s\n", src->sockfd, err, strerror(err));
-        if (err == ECONNRESET || err == ECONNABORTED) {
-            LOG_FN(LL_WARN, "src[%s] DISCONNECTED\n", src->nametag);
-            suspend_source(src, err);
+static int process_buffer(pl_source *src, std::string_view text) {
+    size_t last_lf = text.rfind('\n');
+    if (last_lf == std::string_view::npos) {
+        if (text.size() > MAX_PARTIAL) {
+            LOG(LL_ERROR, "%s: tail too big len=%zu bytes\n", "read_source", text.size());
+            return -1;
         }
+        LOG(LL_WARN, "%s: got no lines, len=%zu bytes tail=[%.*s]\n", "read_source", text.size(),
+            static_cast<int>(text.size()), text.data());
+        keep_partial(partial_owner(src), text);
         return 0;
     }
-    free(*tail);
-    *tail = nullptr;
-    LOG_FN(LL_DEBUG, "%zd/%zu bytes read\n", n, LINE_MAX_LEN - len);
+    return process_lines(src, text, last_lf);
+}
+
+void feed_carried(pl_source *src) {
+    std::string_view text = partial_line(src);
+    size_t last_lf = text.rfind('\n');
+    if (last_lf == std::string_view::npos)
+        return;
+    char *carried = src->tail; // the text, which is replaced by what is left of it
+    src->tail = nullptr;
+    src->tail_len = 0;
+    process_lines(src, text, last_lf);
+    free(carried);
+}
+
+// One read with its lines. The bytes read, 0 at the stream's end, -1 for an error.
+static ssize_t read_once(pl_source *src) {
+    char buf[LINE_MAX_LEN + 1];
+    pl_source *owner = partial_owner(src);
+    std::string_view partial = partial_line(owner);
+    size_t len = partial.size();
+    CHECK(len < LINE_MAX_LEN);
+    if (len > 0) {
+        memcpy(buf, partial.data(), len);
+        LOG(LL_DEBUG, "%s: added %zu bytes of tail\n", "read_source", len);
+    }
+    ssize_t n = recv(src->sockfd, buf + len, LINE_MAX_LEN - len, MSG_DONTWAIT);
+    if (n <= 0)
+        return n;
+    keep_partial(owner, {});
+    LOG(LL_DEBUG, "%s: %zd/%zu bytes read\n", "read_source", n, LINE_MAX_LEN - len);
     process_buffer(src, {buf, len + static_cast<size_t>(n)});
+    return n;
+}
+
+int read_source(pl_source *src) {
+    ssize_t n = read_once(src);
+    if (n > 0)
+        return 0;
+    int err = n < 0 ? errno : 0;
+    LOG_FN(hangup_level(err), "recv(fd%d, ..) ERROR(%d): %s\n", src->sockfd, err, strerror(err));
+    if (err == ECONNRESET || err == ECONNABORTED) {
+        LOG_FN(LL_WARN, "src[%s] DISCONNECTED\n", src->nametag);
+        suspend_source(src, err);
+    }
     return 0;
+}
+
+void drain_source(pl_source *src) {
+    auto left = static_cast<ssize_t>(bytes_to_read(src->sockfd));
+    for (ssize_t n = 1; left > 0 && n > 0; left -= n)
+        n = read_once(src);
 }

@@ -56,6 +56,19 @@ line_verdict scan_item(line_scan *scan, item_data *data, std::string_view *rest)
     return LINE_OK;
 }
 
+std::string_view partial_line(const pl_source *src) {
+    return {src->tail, src->tail_len};
+}
+
+void keep_partial(pl_source *src, std::string_view text) {
+    char *kept = text.empty() ? nullptr : static_cast<char *>(W_calloc(__func__, 1, text.size()));
+    if (kept)
+        memcpy(kept, text.data(), text.size());
+    free(src->tail);
+    src->tail = kept;
+    src->tail_len = kept ? text.size() : 0;
+}
+
 // --- items ---
 
 void free_item(pl_item *item) {

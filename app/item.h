@@ -21,6 +21,10 @@ int add_discontinuity(pl_source *src);
 int verify_item_size(const char *data_dir, const char *path, off_t size);
 // Order by start time: -1, 0, 1. Both are pl_item.
 int plitem_cmp(const dlep_elem *a, const dlep_elem *b);
+// The partial line that a source's connection has carried so far; keeping a text replaces it by a copy, an
+// empty one drops it.
+std::string_view partial_line(const pl_source *src);
+void keep_partial(pl_source *src, std::string_view text);
 // When a segment that starts at `start_tm` leaves the playback window, Unix seconds.
 time_t seg_expiry_time(const src_params *params, long start_tm);
 // Frees an item and its path; files are not touched.

@@ -50,8 +50,13 @@ static bool has_pending_data(const pl_urq *urq) {
     return false;
 }
 
+// A producer may write its lines and go at once: they are its work, and no answer is waited for.
+static bool has_source_lines(const pl_urq *urq) {
+    return urq->kind.num == YLI_TAG && bytes_to_read(urq->rq.fd) > 0;
+}
+
 static int read_urq(pl_urq *urq, int err) {
-    bool is_data = err == 0 || (err == RQS_HUP && has_pending_data(urq));
+    bool is_data = err == 0 || has_source_lines(urq) || (err == RQS_HUP && has_pending_data(urq));
     if (!is_data) {
         LOG(hangup_level(err & ~RQS_HUP), "%s: URQ [%s] (%p) err=%d\n", "on_read", urq->rq.trk_tag.sym8,
             static_cast<void *>(urq), err);
@@ -67,8 +72,12 @@ static int read_urq(pl_urq *urq, int err) {
 static int read_src(pl_source *src, int err) {
     if (err == 0)
         return read_source(src);
+    // A producer that came back in this pass has taken the place of the connection that is told of.
+    if (src->sockfd < 0 || !has_hung_up(src->sockfd))
+        return 0;
     LOG(hangup_level(err & ~RQS_HUP), "%s: src[%s] (%p) err=%d\n", "on_read", src->nametag,
         static_cast<void *>(src), err);
+    drain_source(src);
     source_error(src, err & RQS_HUP);
     return 0;
 }

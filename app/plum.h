@@ -142,15 +142,16 @@ struct pl_source {
     longest_item longest; // target duration of a playlist over the whole list
     double total_sec;     // durations of the segment items
     src_params param;
-    char *tail;        // owned: a partial line, or what followed the init line
+    char *tail;        // owned, tail_len bytes: a partial line, or what followed the init line
     char *rcy_fpath;   // owned: the segment file to delete at the next retirement
     char *item_pfx;    // owned: prefix of item URLs; null = the configured one
     bool is_defunct;   // a backup whose stream was taken over
     pl_source *master; // ... by this one, which gets its lines
     long tmout_sec;    // idle limit; 0 = the configured one
     manifest_ctx manif;
-    bool has_timer;  // registered with the time-out registry
-    bool is_hashed;  // found by its name
+    bool has_timer; // registered with the time-out registry
+    bool is_hashed; // found by its name
+    size_t tail_len;
     uint32_t breaks; // discontinuity markers that were ever put into `items`
 };
 static_assert(std::is_trivially_copyable_v<pl_source>);
@@ -213,10 +214,11 @@ struct pl_urq {
     n32_tag kind;           // SLI_TAG or YLI_TAG, from the listener
     char text[MAX_URQ_TXT]; // received so far
     size_t text_len;
-    char tail[MAX_URQ_TXT]; // what followed the line
+    char tail[MAX_URQ_TXT]; // what followed the line, tail_len bytes
     char ctag[MAX_CTAG_LEN];
     char *peer_tag; // owned
     char *response; // owned: the line waiting to be sent
+    size_t tail_len;
 };
 
 // --- the application context ---

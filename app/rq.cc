@@ -13,7 +13,6 @@
 #include "lib/syswrap.h"
 #include "lib/tmout.h"
 
-#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -258,20 +257,20 @@ static void carry_tail(pl_urq *urq, const char *line_end) {
     const char *end = urq->text + urq->text_len;
     while (line_end < end && !isalnum(static_cast<unsigned char>(*line_end)))
         ++line_end;
-    std::string_view rest(line_end, static_cast<size_t>(end - line_end));
-    copy_cut(urq->tail, sizeof(urq->tail), rest);
-    spoil_zero_line(urq->tail, std::min(rest.size(), sizeof(urq->tail) - 1));
+    urq->tail_len = static_cast<size_t>(end - line_end);
+    memcpy(urq->tail, line_end, urq->tail_len);
 }
 
 // Ends the text at its line end; false when there is none yet.
-static bool cut_line(pl_urq *urq) {
+static bool cut_line(pl_urq *urq, size_t *len) {
     std::string_view text{urq->text, urq->text_len};
-    size_t len = text.find_first_of("\r\n");
-    if (len == std::string_view::npos)
+    size_t end = text.find_first_of("\r\n");
+    if (end == std::string_view::npos)
         return false;
     LOG(LL_DEBUG, "%s: request read completed, %zu bytes\n", "urq_read", urq->text_len);
-    carry_tail(urq, urq->text + len);
-    urq->text[strip_tail(text.substr(0, len)).size()] = '\0';
+    carry_tail(urq, urq->text + end);
+    *len = strip_tail(text.substr(0, end)).size();
+    urq->text[*len] = '\0';
     return true;
 }
 
@@ -282,7 +281,13 @@ static void scan_client_tag(pl_urq *urq) {
     copy_cut(urq->ctag, sizeof(urq->ctag), {urq->text, len});
 }
 
-static int process_line(pl_urq *urq) {
+static int process_line(pl_urq *urq, size_t len) {
+    // Behind a zero byte a line would be taken for a shorter one.
+    if (strlen(urq->text) < len) {
+        LOG(LL_ERROR, "%s: line refused, it holds a zero byte: %zu bytes, text=[%s]\n", "urq_read", len,
+            urq->text);
+        return -1;
+    }
     scan_client_tag(urq);
     int rc = -1;
     switch (urq->ctag[0]) {
@@ -333,12 +338,13 @@ static int receive(pl_urq *urq) {
 
 // The line that the text holds, if it is complete.
 static int process_text(pl_urq *urq) {
-    if (!cut_line(urq)) {
+    size_t len = 0;
+    if (!cut_line(urq, &len)) {
         LOG(LL_DEBUG, "%s: incomplete read, no CRLF yet\n", "urq_read");
         urq_set_state(urq, URQ_CON);
         return 0;
     }
-    int rc = process_line(urq);
+    int rc = process_line(urq, len);
     send_response(urq);
     urq->text[0] = '\0';
     urq->text_len = 0;

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 LOG_UNIT(LOG_MOD_FDIO);
@@ -71,6 +72,16 @@ int wait_to_read(int fd, int timeout_ms) {
 
 int wait_to_write(int fd, int timeout_ms) {
     return wait_for(fd, POLLOUT, POLLERR | POLLNVAL | POLLHUP, timeout_ms);
+}
+
+size_t bytes_to_read(int fd) {
+    int count = 0;
+    return ioctl(fd, FIONREAD, &count) == 0 && count > 0 ? static_cast<size_t>(count) : 0;
+}
+
+bool has_hung_up(int fd) {
+    pollfd pfd{.fd = fd, .events = 0, .revents = 0};
+    return poll(&pfd, 1, 0) > 0 && (pfd.revents & (POLLHUP | POLLERR)) != 0;
 }
 
 // Room for one descriptor, aligned as the control messages ask.

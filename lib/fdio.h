@@ -18,6 +18,10 @@ int poll_on_socket(int fd, short events, int timeout_ms);
 // 0 = readable (writable), 1 = timed out, -1 = the poll failed or reported an error condition.
 int wait_to_read(int fd, int timeout_ms);
 int wait_to_write(int fd, int timeout_ms);
+// What a stream socket has received and nobody has read; 0 also when it cannot be told.
+size_t bytes_to_read(int fd);
+// Whether a stream socket's peer has closed it, or it is broken; without waiting.
+bool has_hung_up(int fd);
 
 // One message with data and a passed descriptor; the bytes sent, or -1 (logged).
 ssize_t send_fd(int sock, const void *data, size_t len, int fd);

@@ -221,18 +221,6 @@ bool has_dotdot(std::string_view path) {
     }
 }
 
-size_t spoil_zero_line(char *text, size_t len) {
-    std::string_view all(text, len);
-    const size_t zero = all.find('\0');
-    if (zero != std::string_view::npos) {
-        const size_t line_end = all.substr(0, zero).rfind('\n');
-        len = line_end == std::string_view::npos ? 0 : line_end + 1;
-        text[len++] = '?';
-    }
-    text[len] = '\0';
-    return len;
-}
-
 char *copy_cut(char *dst, size_t size, std::string_view text) {
     if (size == 0)
         return dst;

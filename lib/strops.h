@@ -56,10 +56,6 @@ bool scan_int(line_scan *scan, int *value);
 bool scan_float(line_scan *scan, float *value);
 // At most `max` characters of what is left, leading white space skipped.
 std::string_view scan_rest(line_scan *scan, size_t max);
-// For text that is kept as a string until its last line is complete: a line with a zero byte would come back
-// shorter than it was sent, so it is replaced, from its beginning to the text's end, by "?", with which no
-// line begins. In place, terminated (`text` holds len + 1 bytes); the new length.
-size_t spoil_zero_line(char *text, size_t len);
 // Copies as much as fits, always terminated; returns `dst`.
 char *copy_cut(char *dst, size_t size, std::string_view text);
 // The same for several parts, one behind the other; returns the length that all of them have.

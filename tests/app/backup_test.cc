@@ -7,32 +7,6 @@ namespace {
 
 using Backup = App;
 
-TEST_F(Backup, TheStandbyTakesOver) {
-    pl_source *src = source("chan", "max_sec=100");
-    append(src, {10});
-    const std::string playlist = ask("T1 LIV chan");
-    src->tail = strdup("SEGMENT: half.ts 1 10"); // of the connection that breaks
-    pl_source *bkup = source("~chan", "max_sec=200");
-    feed(bkup, producer, "SEGMENT: b0.ts 1 10 1 1 1\nSEGMENT: b");
-    EXPECT_EQ(suspend_source(src, ECONNRESET), 0);
-    EXPECT_EQ(list_of(src), "s0.ts - ");
-    EXPECT_TRUE(src->sockfd >= 0 && src->sockfd != bkup->sockfd);
-    EXPECT_TRUE(bkup->is_defunct && bkup->master == src && bkup->last_item_tm == 1);
-    // Whichever registration is served, lines land in the master's list, and pieces meet.
-    feed(bkup, producer, "1.ts 2 10 1 1 1\nSEGM");
-    feed(src, producer, "ENT: b2.ts 3 10 1 1 1\nSEGMENT: b3.ts");
-    feed(bkup, producer, " 4 10 1 1 1\n");
-    EXPECT_EQ(list_of(src), "s0.ts - b1.ts b2.ts b3.ts ");
-    EXPECT_EQ(list_of(bkup), "b0.ts ");
-    EXPECT_EQ(ask("T1 LIV chan"), playlist);
-    // The next sweep, which comes at once, finds the backup long idle.
-    bkup->last_item_tm = 1;
-    time_out_src_tasks();
-    EXPECT_EQ(src_by_name("~chan"), nullptr);
-    feed(src, producer, "SEGMENT: b4.ts 5 10 1 1 1\n");
-    EXPECT_EQ(newest_item(src)->mseq, 4u);
-}
-
 TEST_F(Backup, Refusals) {
     enum what { NO_BACKUP, HAS_TASKS, SUSPENDED, DEFUNCT };
     const std::pair<what, int> cases[] = {{NO_BACKUP, 0}, {HAS_TASKS, -1}, {SUSPENDED, -1}, {DEFUNCT, 0}};

@@ -1,8 +1,10 @@
-"""A backup source takes over when the main one breaks."""
+"""A backup source takes over when the main one breaks, and what is written before a break counts."""
 import os
 import signal
 
 import pytest
+
+from harness import connect, names
 
 def pair(d):
     return d.source("chan"), d.source("~chan")
@@ -61,3 +63,35 @@ def test_partial_lines_at_the_break(lumo, cut):
     backup.put(late[1])
     assert d.ask("T1 LIV chan").playlist.items == [segs[0].path, "DIS"] + [seg.path for seg in late]
     assert "invalid input" not in d.log_text()
+
+@pytest.mark.parametrize("role", ["main", "backup", "taken over"])
+def test_lines_before_a_close_count(lumo, role):
+    """All but the half line, which goes with its connection."""
+    d = lumo()
+    main, backup = pair(d)
+    segs = main.feed(1)
+    if role == "taken over":
+        main.close()
+        d.wait_log("Roll-over from .* completed")
+    src = main if role == "main" else backup
+    written = [src.segment() for _ in range(40)]
+    os.kill(d.proc.pid, signal.SIGSTOP)
+    src.put(*written, wait=False)
+    src.send(src.segment().line()[:-1])
+    src.sock.close()
+    os.kill(d.proc.pid, signal.SIGCONT)
+    src.wait(written[-1].path)
+    name, before = ("~chan", []) if role == "backup" else ("chan", segs)
+    assert [item for item in d.ask(f"T1 VOD {name}").playlist.names if item != "DIS"] == names(before + written)
+
+def test_producers_that_write_and_close_at_once(lumo):
+    """Ten lines behind each init line, of sources of their own and of one that comes back again and again."""
+    d = lumo(verify_item_filesize=False)
+    for n in range(50):
+        sock = connect(d.src_sock)
+        lines = "".join(f"SEGMENT: {n}-{k}.ts 1700000000 1 188 7 1\n" for k in range(10))
+        sock.sendall(f"S1 init {f'own{n}' if n % 2 else 'chan'}\n{lines}".encode())
+        sock.close()
+    d.wait_log(r"added LIVE \[SEG\]", count=500)
+    shown = d.ask("T1 VOD chan").playlist
+    assert [item for item in shown.items if item != "DIS"] == [f"{n}-{k}.ts" for n in range(0, 50, 2) for k in range(10)]

@@ -65,7 +65,7 @@ def test_half_lines_left_open_and_closed(lumo):
     assert b" text/M3U " in socks[2].recv(4096)
     assert d.ask("T1 LIV oth").error == (404, "source not found")
 
-@pytest.mark.parametrize("blob", [b"T1 LIV\0chan\n", b"\0T1 LIV chan\n", b"\0" * 300, b"\n\n\n"])
+@pytest.mark.parametrize("blob", [b"T1 LIV chan\0junk\n", b"S1 init evil\0\n", b"\0T1 LIV chan\n", b"\0" * 300, b"\n\n\n"])
 def test_zero_bytes_and_empty_lines(lumo, blob):
     d = lumo()
     src = d.source()
@@ -73,8 +73,8 @@ def test_zero_bytes_and_empty_lines(lumo, blob):
     for path in (d.pl_sock, d.src_sock):
         sock = connect(path)
         sock.sendall(blob)
-        d.is_answering()
-        sock.close()
+        assert at_end(sock)
+    assert not d.files("*.m3u8") and d.ask("T1 LIV evil").error == (404, "source not found")
     src.send(blob + b"\n")
     segs = src.feed(1)
     assert d.ask("T1 LIV chan").playlist.names[-1:] == names(segs)
