@@ -6,6 +6,8 @@
 #include "app/item.h"
 #include "app/manifest.h"
 #include "app/mdr.h"
+#include "app/pl.h"
+#include "app/retry.h"
 #include "app/task.h"
 #include "lib/check.h"
 #include "lib/fdio.h"
@@ -59,6 +61,7 @@ static int build_ctx(const char **label) {
         return rc;
     set_clk_now(&g_ctx.last_task_check, CLOCK_MONOTONIC);
     cpy_timespec(&g_ctx.last_task_check, &g_ctx.last_rq_check);
+    g_ctx.wall_lead_ms = wall_lead_ms();
     g_ctx.last_tseq = 0;
     *label = "?";
     return open_reporter();
@@ -88,6 +91,7 @@ void destroy_plum_ctx() {
     rui_ctx_destroy(&g_ctx.rui);
     xvlst_purge_all(&g_ctx.sources, rm_src_rec);
     xvlst_reset(&g_ctx.sources);
+    end_deletions();
     xvlst_reset(&g_ctx.pprm_tasks);
     if (g_ctx.src_ht)
         skht_destroy(g_ctx.src_ht, nullptr);
@@ -291,6 +295,17 @@ int rm_src_rec(void *sources, size_t i) {
 
 // --- the registry ---
 
+// A source whose playlists could never be named in an answer would serve nobody. Nobody asks for a backup's.
+static bool can_be_answered(const char *nametag, const char *data_dir) {
+    size_t len = shortest_response(data_dir[0] ? data_dir : g_cfg.data_dir, nametag);
+    if (len <= MAX_RESPONSE || is_backup_name(nametag))
+        return true;
+    LOG(LL_ERROR,
+        "%s: source refused, the shortest answer with its playlist is too long: %zu bytes, max=%zu [%s]\n",
+        "add_source", len, MAX_RESPONSE, nametag);
+    return false;
+}
+
 // The manifest's name is made of the source's: a name that does not fit there is refused before it is needed.
 static bool is_acceptable_name(const char *nametag, const src_params *params) {
     if (has_dotdot(nametag)) {
@@ -303,7 +318,7 @@ static bool is_acceptable_name(const char *nametag, const src_params *params) {
     char path[MAX_MANIFEST_PATH];
     int n = mk_manifest_path(params, nametag, path, sizeof(path));
     if (n < static_cast<int>(sizeof(path)))
-        return true;
+        return can_be_answered(nametag, params->data_dir);
     LOG(LL_ERROR, "%s: source name refused, its manifest path is too long: %d bytes, max=%zu [%s]\n",
         "add_source", n, sizeof(path) - 1, nametag);
     return false;
@@ -396,6 +411,8 @@ static int restore_source(pl_source *src, const pl_urq *urq, const char *text) {
         LOG(LL_INFO, "%s: new params=[%s]\n", "add_source", text);
         src_params params{};
         if (get_src_params(text, &params) != 0)
+            return -1;
+        if (params.data_dir[0] && !can_be_answered(src->nametag, params.data_dir))
             return -1;
         copy_params(&src->param, &params);
     }

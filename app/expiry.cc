@@ -1,6 +1,7 @@
 #include "app/expiry.h"
 
 #include "app/app.h"
+#include "app/retry.h"
 #include "app/task.h"
 #include "lib/check.h"
 #include "lib/log.h"
@@ -12,14 +13,44 @@
 
 LOG_UNIT(LOG_MOD_APP);
 
+static constexpr int64_t MAX_CLOCK_DRIFT_MS = 1000; // of the clocks between two checks; beyond, one was set
+
 void time_out_requests() {
     if (is_iocheck_time(&g_ctx.last_rq_check, g_cfg.urq_tmout_sec))
         rui_tmout_all(&g_ctx.rui, g_cfg.urq_tmout_sec * 1000L);
 }
 
+static int note_step(void *tasks, size_t i) {
+    pl_task *task = static_cast<pl_task *>(tasks) + i;
+    struct stat st;
+    task->step_idle_tm = idle_clock();
+    task->step_touch = task->lkfd >= 0 && fstat(task->lkfd, &st) == 0 ? st.st_mtime : task->last_io_time;
+    return 0;
+}
+
+static int note_step_of_all(void *sources, size_t i) {
+    xvlst_each(&(static_cast<pl_source *>(sources) + i)->tasks, note_step, nullptr);
+    return 0;
+}
+
+// What was touched before the wall clock was set has no age by it: until the next touch, idle time counts
+// from here.
+static void notice_clock_step() {
+    int64_t lead = wall_lead_ms();
+    int64_t step = lead - g_ctx.wall_lead_ms;
+    g_ctx.wall_lead_ms = lead;
+    if (step <= MAX_CLOCK_DRIFT_MS && step >= -MAX_CLOCK_DRIFT_MS)
+        return;
+    LOG(LL_WARN, "%s: the wall clock was set by %.3f sec, idle times count from now\n", "time_out_src_tasks",
+        static_cast<double>(step) / 1000);
+    xvlst_each(&g_ctx.sources, note_step_of_all, nullptr);
+}
+
 void time_out_src_tasks() {
     if (!is_iocheck_time(&g_ctx.last_task_check, g_cfg.lk_tmout_sec))
         return;
+    notice_clock_step();
+    retry_deletions();
     int removed = xvlst_rmif(&g_ctx.sources, nullptr, src_expired, nullptr);
     if (removed > 0)
         LOG_FN(LL_INFO, "removed %d source(s)\n", removed);
@@ -60,7 +91,7 @@ int src_expired(void *sources, size_t i, void *) {
 
 // When the consumer's side last showed a sign of life: the lock file's modification time, or for a task
 // whose files could not be written the time of its last answer. False when it cannot be told.
-static bool last_touch(const pl_task *task, time_t *touched) {
+static bool read_touch(const pl_task *task, time_t *touched) {
     if (task->lkfd < 0) {
         *touched = task->last_io_time;
         return true;
@@ -75,10 +106,21 @@ static bool last_touch(const pl_task *task, time_t *touched) {
     return true;
 }
 
+// The same in terms of the present wall clock.
+static bool last_touch(pl_task *task, time_t now, time_t *touched) {
+    if (!read_touch(task, touched))
+        return false;
+    if (task->step_idle_tm != 0 && *touched == task->step_touch)
+        *touched = now - (idle_clock() - task->step_idle_tm);
+    else
+        task->step_idle_tm = 0;
+    return true;
+}
+
 int task_xpire(pl_task *task) {
     time_t now = time(nullptr);
     time_t touched = 0;
-    if (!last_touch(task, &touched)) {
+    if (!last_touch(task, now, &touched)) {
         LOG_FN(LL_WARN, "will expire [%s%u] on I/O error\n", task->tag.sym, task->tseq);
         return pprm_task(task);
     }

@@ -5,7 +5,7 @@
 #include "app/plum.h"
 
 // Each runs when its interval has passed or when it was expedited: requests every `urq_tmout_sec`, sources
-// and their tasks every `lk_tmout_sec`.
+// and their tasks, and files that could not be deleted, every `lk_tmout_sec`.
 void time_out_requests();
 void time_out_src_tasks();
 

@@ -1,6 +1,7 @@
 #include "app/item.h"
 
 #include "app/adjust.h"
+#include "app/retry.h"
 #include "lib/check.h"
 #include "lib/log.h"
 #include "lib/syswrap.h"
@@ -110,6 +111,22 @@ int verify_item_size(const char *data_dir, const char *path, off_t size) {
     return -1;
 }
 
+using file_path = char[sizeof(g_cfg.data_dir) + MAX_ITEM_PATH + 1];
+
+static void mk_full_path(const pl_source *src, const char *path, file_path &full) {
+    snprintf(full, sizeof(full), "%s/%s", src->param.data_dir[0] ? src->param.data_dir : g_cfg.data_dir,
+             path);
+}
+
+// A producer that writes under a name that could not be deleted yet wants to keep it.
+static void keep_file(const pl_source *src, const char *path) {
+    if (deletions_left() == 0)
+        return;
+    file_path full;
+    mk_full_path(src, path, full);
+    forget_deletion(full);
+}
+
 static int skip_item(const pl_source *src, pl_item *item, const char *path) {
     LOG(LL_WARN, "%s: skipping %s for src[%s]\n", "add_seg", path, src->nametag);
     free(item);
@@ -136,6 +153,7 @@ static int fill_segment(const pl_source *src, const item_data *data, const pl_it
     item->path = strdup(data->path);
     if (!item->path)
         return ENOMEM;
+    keep_file(src, item->path);
     if (data->duration < MIN_DURATION || data->duration >= MAX_DURATION)
         LOG(LL_ERROR, "%s: invalid duration: %f\n", "add_seg", data->duration);
     item->duration = data->duration;
@@ -228,11 +246,10 @@ int add_discontinuity(pl_source *src) {
 
 void recycle_segfile(pl_source *src, pl_item *item) {
     if (src->rcy_fpath) {
-        const char *dir = src->param.data_dir[0] ? src->param.data_dir : g_cfg.data_dir;
-        char full[sizeof(g_cfg.data_dir) + MAX_ITEM_PATH + 1];
-        snprintf(full, sizeof(full), "%s/%s", dir, src->rcy_fpath);
+        file_path full;
+        mk_full_path(src, src->rcy_fpath, full);
         LOG_FN(LL_DEBUG, "removing [%s]\n", full);
-        W_unlink(__func__, full);
+        delete_file(__func__, full);
         free(src->rcy_fpath);
     }
     src->rcy_fpath = item->path;

@@ -14,10 +14,6 @@
 
 LOG_UNIT(LOG_MOD_APP);
 
-// Bytes of a response with its terminating zero. A line of exactly this length passes and loses its line
-// end.
-static constexpr size_t RESPONSE_LIMIT = 127;
-
 pl_source *find_pl_source(const char *nametag, const char **errmsg, int *code) {
     pl_source *src = src_by_name(nametag);
     if (!src) {
@@ -153,21 +149,25 @@ int errno2http(int err) {
     return 500;
 }
 
+size_t shortest_response(const char *dir, const char *nametag) {
+    return strlen("T text/M3U ") + shortest_path(dir, nametag) + strlen(" \n");
+}
+
 // False when the line would be too long.
-static bool format_success(const pl_task *task, const char *client_id, char (&buf)[RESPONSE_LIMIT]) {
+static bool format_success(const pl_task *task, const char *client_id, char (&buf)[MAX_RESPONSE]) {
     const char *form = task->is_gzipped ? "gzip/M3U" : "text/M3U";
     size_t len = join_cut(buf, sizeof(buf), {client_id, " ", form, " ", task->fpath, " \n"});
-    if (len <= RESPONSE_LIMIT)
+    if (len <= MAX_RESPONSE)
         return true;
     LOG(LL_ERROR, "%s: insufficient space for response, need/got %zu/%zu bytes, resp=%s\n", "mk_response",
-        len, RESPONSE_LIMIT, buf);
+        len, MAX_RESPONSE, buf);
     return false;
 }
 
 char *mk_response(pl_task *task, const char *client_id, const char *errmsg, int *prc) {
     LOG_FN(LL_DEBUG, "task=%p, client=[%s], err=%s, rc=%d\n", static_cast<void *>(task), client_id,
            errmsg ? errmsg : "-", *prc);
-    char buf[RESPONSE_LIMIT] = "";
+    char buf[MAX_RESPONSE] = "";
     int code = *prc;
     if (code == 0 && !task)
         code = -1;

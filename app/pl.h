@@ -30,3 +30,7 @@ char *mk_response(pl_task *task, const char *client_id, const char *errmsg, int 
 // Leaves the response line in the request, unless it has one.
 void set_response(pl_urq *urq, pl_task *task, const char *itag, const char *errmsg, int *prc);
 int errno2http(int err);
+
+inline constexpr size_t MAX_RESPONSE = 127; // characters; a line of exactly that many loses its line end
+// Characters of the shortest line that names a playlist of such a source.
+size_t shortest_response(const char *dir, const char *nametag);

@@ -1,6 +1,7 @@
 #include "app/pl_file.h"
 
 #include "app/pl_text.h"
+#include "app/retry.h"
 #include "app/task.h"
 #include "lib/check.h"
 #include "lib/log.h"
@@ -44,20 +45,29 @@ static void out_drain(text_sink *sink) {
     sink->len = 0;
 }
 
+// Whatever the mask, nobody else may write to it.
 static bool out_open(const char *path, bool is_gzipped) {
     g_out.fp = nullptr;
     g_out.gz = nullptr;
     g_out.has_failed = false;
+    int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return false;
     if (is_gzipped) {
-        g_out.gz = gzopen(path, "w");
+        g_out.gz = gzdopen(fd, "w");
         if (g_out.gz)
             gzbuffer(g_out.gz, GZ_BUFFER);
     } else {
-        g_out.fp = fopen(path, "w");
+        g_out.fp = fdopen(fd, "w");
         if (g_out.fp)
             setvbuf(g_out.fp, nullptr, _IONBF, 0);
     }
-    return g_out.fp || g_out.gz;
+    if (g_out.fp || g_out.gz)
+        return true;
+    int err = errno != 0 ? errno : ENOMEM;
+    W_close(__func__, fd);
+    errno = err;
+    return false;
 }
 
 // True when everything arrived in the file.
@@ -68,12 +78,12 @@ static bool out_close() {
     return is_closed && !g_out.has_failed;
 }
 
-static void write_text(pl_task *task, pl_totals *totals) {
+static void write_text(const pl_task *task, pl_totals *totals) {
     text_sink sink = {.buf = g_out.buf, .size = sizeof(g_out.buf), .len = 0, .drain = out_drain};
     pl_style style = text_style(task);
     put_head(&sink, task, *totals);
     put_items(&sink, task, style, totals);
-    put_end(&sink, task);
+    put_end(&sink, task, *totals);
     out_drain(&sink);
 }
 
@@ -84,12 +94,22 @@ static int mk_source_dir(const pl_task *task, const char *data_dir) {
     return dir_check(data_dir) == 0 ? mk_fpath_dirs(task->fpath) : -1;
 }
 
+static int format_name(char *buf, size_t size, const char *dir, const char *nametag, const char *kind,
+                       uint32_t tseq, size_t mseq) {
+    return snprintf(buf, size, "%s/%s%c%s%u-M%zu.m3u8", dir, nametag, g_cfg.use_sid_pl_dir ? '/' : '-', kind,
+                    tseq, mseq);
+}
+
+size_t shortest_path(const char *dir, const char *nametag) {
+    return static_cast<size_t>(format_name(nullptr, 0, dir, nametag, "LIV", 1, 0));
+}
+
 // A name of exactly the limit passes and is stored cut by one character.
 static int name_playlist(pl_task *task) {
     const pl_source *src = task->src;
     const char *dir = src->param.data_dir[0] ? src->param.data_dir : g_cfg.data_dir;
-    int n = snprintf(task->fpath, NAME_LIMIT, "%s/%s%c%s%u-M%zu.m3u8", dir, src->nametag,
-                     g_cfg.use_sid_pl_dir ? '/' : '-', task->tag.sym, task->tseq, task->ifirst->mseq);
+    int n = format_name(task->fpath, NAME_LIMIT, dir, src->nametag, task->tag.sym, task->tseq,
+                        task->ifirst->mseq);
     if (n > static_cast<int>(NAME_LIMIT)) {
         LOG(LL_ERROR, "%s: file path is too long: %d bytes, max=%zu\n", "mk_playlist", n, NAME_LIMIT);
         task->fpath[0] = '\0';
@@ -107,6 +127,7 @@ int mk_lockfile(pl_task *task) {
         task->lpath[0] = '\0';
         return -1;
     }
+    forget_deletion(task->lpath);
     // Neither the mask nor a file that lay there decides who may touch it.
     if (fchmod(task->lkfd, g_cfg.lock_mode) != 0)
         LOG_FN(LL_ERROR, "fchmod(%s, %04o) ERROR(%d): %s\n", task->lpath, g_cfg.lock_mode, errno,
@@ -120,7 +141,7 @@ int mk_lockfile(pl_task *task) {
     LOG_FN(LL_ERROR, "lock underwrite: exp/wr=%zu/%zd\n", sizeof(lock), n);
     W_close(__func__, task->lkfd);
     task->lkfd = -1;
-    W_unlink(__func__, task->lpath);
+    delete_file(__func__, task->lpath);
     task->lpath[0] = '\0';
     return -1;
 }
@@ -138,12 +159,15 @@ static int publish(pl_task *task, const char *tmp, bool is_new) {
             strerror(errno));
         return -1;
     }
+    forget_deletion(task->fpath);
     LOG(LL_DEBUG, "%s: [%s] %s %s\n", "mk_playlist", task->fpath, task->is_gzipped ? "gzip" : "text",
         is_new ? "created" : "generated");
     return 0;
 }
 
-static int write_playlist(pl_task *task, bool is_new, pl_totals *totals) {
+enum write_result { WRITTEN, NOT_BEGUN, WRITE_FAILED };
+
+static write_result write_playlist(pl_task *task, bool is_new, pl_totals *totals) {
     char tmp[TMP_LIMIT];
     snprintf(tmp, sizeof(tmp), "%s.tmp", task->fpath);
     measure_window(task, totals);
@@ -151,13 +175,14 @@ static int write_playlist(pl_task *task, bool is_new, pl_totals *totals) {
     if (!out_open(tmp, task->is_gzipped)) {
         LOG(LL_ERROR, "%s: %s(%s,..) ERROR(%d): %s\n", "mk_playlist", task->is_gzipped ? "gzopen" : "fopen",
             tmp, errno, strerror(errno));
-        return -1;
+        return NOT_BEGUN;
     }
     write_text(task, totals);
     int rc = out_close() ? publish(task, tmp, is_new) : report_failure(task, "write failed");
-    if (rc != 0)
-        W_unlink(__func__, tmp);
-    return rc;
+    if (rc == 0)
+        return WRITTEN;
+    delete_file("mk_playlist", tmp);
+    return WRITE_FAILED;
 }
 
 static int clamp_sec(double sec) {
@@ -166,23 +191,28 @@ static int clamp_sec(double sec) {
 
 int mk_playlist(pl_task *task) {
     LOG_FN(LL_DEBUG, "%s%u BEGIN\n", task->tag.sym, task->tseq);
-    task->must_sync_playlist = false;
     bool is_new = task->fpath[0] == '\0';
-    if (!task->ifirst || !task->ilast)
-        return is_new ? report_failure(task, "no items") : 0;
     pl_totals totals{};
-    int rc = is_new ? name_playlist(task) : 0;
-    if (rc == 0)
-        rc = write_playlist(task, is_new, &totals);
-    if (rc == 0) {
-        adjust_lk_timeout(task, clamp_sec(totals.target_sec), clamp_sec(totals.total_sec), totals.items);
-        return 0;
+    write_result result = NOT_BEGUN;
+    if (!task->ifirst || !task->ilast) {
+        task->must_sync_playlist = false;
+        return is_new ? report_failure(task, "no items") : 0;
     }
+    if (!is_new || name_playlist(task) == 0)
+        result = write_playlist(task, is_new, &totals);
     // A name that was never written has no file to delete.
-    if (is_new)
+    if (is_new && result != WRITTEN)
         task->fpath[0] = '\0';
-    drop_playlist(task);
-    return -1;
+    if (result == NOT_BEGUN)
+        return -1;
+    task->must_sync_playlist = false;
+    if (result == WRITE_FAILED) {
+        drop_playlist(task);
+        return -1;
+    }
+    task->is_eot = task->is_eot || totals.is_at_end;
+    adjust_lk_timeout(task, clamp_sec(totals.target_sec), clamp_sec(totals.total_sec), totals.items);
+    return 0;
 }
 
 // --- the lock's time-out ---

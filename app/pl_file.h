@@ -11,10 +11,14 @@ struct lock_data {
 };
 static_assert(sizeof(lock_data) == 16);
 
-// Writes the task's playlist; the first time it also names it and makes the lock file. 0; -1 when it cannot
-// be written (logged): the task is then without a file, and the next call builds both afresh. A finished
-// task without a window keeps the file it has.
+// Writes the task's playlist; the first time it also names it and makes the lock file. -1 when it cannot be
+// written (logged): where not even a temporary file can be made, the task keeps the files it has and stays to
+// be synchronised, otherwise it is then without, and the next call builds both afresh. 0; the task is at its
+// end once the file that says so is in place. A finished task without a window keeps the file it has.
 int mk_playlist(pl_task *task);
+
+// Characters of the shortest path that a playlist of such a source has.
+size_t shortest_path(const char *dir, const char *nametag);
 
 // Creates the lock file beside the playlist; 0 or -1 (logged). A task that has one is an assertion failure.
 int mk_lockfile(pl_task *task);

@@ -163,7 +163,7 @@ void put_item(text_sink *out, const pl_item *item, const pl_style &style) {
         sink_printf(out, "#EXT-X-DISCONTINUITY\n");
 }
 
-void put_items(text_sink *out, pl_task *task, const pl_style &style, pl_totals *totals) {
+void put_items(text_sink *out, const pl_task *task, const pl_style &style, pl_totals *totals) {
     for (const pl_item *item = task->ifirst;; item = newer_item(item)) {
         if (is_segment(item))
             totals->total_sec += item->duration;
@@ -172,9 +172,9 @@ void put_items(text_sink *out, pl_task *task, const pl_style &style, pl_totals *
         else
             LOG(LL_DEBUG, "%s: skipping DISCONTINUITY as 1st item\n", "mk_playlist");
         if (task->end_time > 0 && ends_event(item, task->end_time)) {
-            task->is_eot = true;
-            LOG(LL_DEBUG, "%s: EOT task (%p) %s%u\n", "mk_playlist", static_cast<void *>(task), task->tag.sym,
-                task->tseq);
+            totals->is_at_end = true;
+            LOG(LL_DEBUG, "%s: EOT task (%p) %s%u\n", "mk_playlist", static_cast<const void *>(task),
+                task->tag.sym, task->tseq);
             break;
         }
         if (item == task->ilast || !item->le.next)
@@ -182,7 +182,7 @@ void put_items(text_sink *out, pl_task *task, const pl_style &style, pl_totals *
     }
 }
 
-void put_end(text_sink *out, const pl_task *task) {
-    if (task->is_eot || task->ilast->is_endlist || task->tag.num == PL_VOD)
+void put_end(text_sink *out, const pl_task *task, const pl_totals &totals) {
+    if (totals.is_at_end || task->is_eot || task->ilast->is_endlist || task->tag.num == PL_VOD)
         sink_printf(out, "#EXT-X-ENDLIST\n");
 }

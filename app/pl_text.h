@@ -27,6 +27,7 @@ struct pl_totals {
     unsigned target_sec; // target duration
     double total_sec;    // durations of the written segments
     size_t items;        // in the window
+    bool is_at_end;      // the event's end was among them
 };
 
 // The style of the task's playlist; the prefix is its source's or the configured one.
@@ -37,11 +38,10 @@ void measure_window(const pl_task *task, pl_totals *totals);
 void put_head(text_sink *out, const pl_task *task, const pl_totals &totals);
 // The lines of one item that is not the first of its window.
 void put_item(text_sink *out, const pl_item *item, const pl_style &style);
-// The lines of the window, up to the item that ends the event: the task is then marked as being at its end.
-// Adds the durations to the total.
-void put_items(text_sink *out, pl_task *task, const pl_style &style, pl_totals *totals);
+// The lines of the window, up to the item that ends the event. Fills what is left of the totals.
+void put_items(text_sink *out, const pl_task *task, const pl_style &style, pl_totals *totals);
 // The closing line, for a list to which nothing will be added.
-void put_end(text_sink *out, const pl_task *task);
+void put_end(text_sink *out, const pl_task *task, const pl_totals &totals);
 
 // The Unix time at which an item ends, its duration rounded up.
 time_t item_end_time(const pl_item *item);

@@ -189,6 +189,8 @@ struct pl_task {
     time_t last_io_time;     // wall-clock time of the client's last activity
     char *peer_tag;          // owned; null = shared by all clients
     item_reach reach;        // of an event whose end is in the list
+    time_t step_idle_tm;     // the idle clock's seconds when the wall clock was set; 0 = touched since
+    time_t step_touch;       // the lock file's modification time then
 };
 static_assert(std::is_trivially_copyable_v<pl_task>);
 
@@ -235,7 +237,8 @@ struct plum_ctx {
     uint32_t last_tseq;       // last task number handed out
     timespec last_task_check; // the loop's time
     timespec last_rq_check;
-    mdr_t mdr; // null = no reports
+    mdr_t mdr;            // null = no reports
+    int64_t wall_lead_ms; // of the wall clock before the loop's, at the last check of the tasks
 };
 
 inline constinit plum_ctx g_ctx{};

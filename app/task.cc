@@ -1,9 +1,11 @@
 #include "app/task.h"
 
+#include "app/retry.h"
 #include "lib/check.h"
 #include "lib/log.h"
 #include "lib/rqs.h"
 #include "lib/syswrap.h"
+#include "lib/timeop.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +20,14 @@ static bool g_is_expedited = false;
 
 time_t idle_clock() {
     return IDLE_CLOCK_START + rqs_now_ref()->tv_sec;
+}
+
+int64_t wall_lead_ms() {
+    timespec loop;
+    timespec wall;
+    set_clk_now(&loop, CLOCK_MONOTONIC);
+    set_real_now(&wall);
+    return (wall.tv_sec - loop.tv_sec) * 1000 + (wall.tv_nsec - loop.tv_nsec) / 1'000'000;
 }
 
 // --- making ---
@@ -174,7 +184,7 @@ static void drop_lock(pl_task *task) {
     if (task->lkfd < 0)
         return;
     if (task->lpath[0])
-        W_unlink(__func__, task->lpath);
+        delete_file(__func__, task->lpath);
     rm_lock(task);
     W_close(__func__, task->lkfd);
     task->lpath[0] = '\0';
@@ -183,7 +193,7 @@ static void drop_lock(pl_task *task) {
 
 void drop_playlist(pl_task *task) {
     if (task->fpath[0])
-        W_unlink(__func__, task->fpath);
+        delete_file(__func__, task->fpath);
     task->fpath[0] = '\0';
     drop_lock(task);
 }

@@ -9,6 +9,8 @@
 // Seconds of the loop's clock, counted from far enough in the past that a stamp of 1 is older than any
 // time-out. Idle times are measured with it: it does not jump when the wall clock is set.
 time_t idle_clock();
+// Milliseconds by which the wall clock is before the loop's kind of clock: constant while nobody sets it.
+int64_t wall_lead_ms();
 
 // --- making ---
 

@@ -39,6 +39,10 @@ TEST_F(Registry, ParametersAndNamesThatAreRefused) {
         EXPECT_EQ(src_by_name(name.c_str()) != nullptr, rc == 0) << name;
     }
     EXPECT_NE(connect("~" + std::string(254, 'k')), 0);
+    // "T text/M3U DIR/NAME-LIV1-M0.m3u8 \n" within 127 characters
+    strcpy(g_cfg.data_dir, std::string(90, 'd').c_str());
+    for (const size_t length : {10u, 11u})
+        EXPECT_EQ(connect(std::string(length, 'p')), length > 10 ? -1 : 0);
 }
 
 TEST_F(Registry, NoMoreSourcesThanMayBe) {

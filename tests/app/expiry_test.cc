@@ -1,6 +1,6 @@
 #include "app/expiry.h"
 
-#include "app/backup.h"
+#include "app/retry.h"
 #include "tests/app/app_fixture.h"
 
 #include <sys/stat.h>
@@ -42,6 +42,93 @@ TEST_F(Expiry, LockFileAge) {
     EXPECT_EQ(task_xpire(made), 0);
     EXPECT_GE(made->pprm_idx, 0);
     expect_logged("on I/O error");
+}
+
+TEST_F(Expiry, IdleTimeStartsAnewWhenTheClockIsSet) {
+    set_clock(5000);
+    pl_source *src = source();
+    append(src, {10, 10});
+    for (const long step : {3600L, -3600L})
+        for (const bool is_touched : {false, true}) {
+            SCOPED_TRACE(step);
+            set_clock(5000);
+            pl_task *made = task(src, PL_LIV, true, oldest_item(src), newest_item(src));
+            ASSERT_EQ(mk_playlist(made), 0);
+            made->lk_tmout_sec = 20;
+            touch(made, time(nullptr) - step - 15); // in good time, before the step
+            g_ctx.wall_lead_ms -= step * 1000;
+            // Where a second touch came, only its own age counts.
+            const std::pair<long, bool> looks[] = {{0, true}, {19, true}, {20, is_touched}};
+            for (const auto &[later, is_alive] : looks) {
+                set_clock(5000 + later);
+                if (is_touched && later > 0)
+                    touch(made, time(nullptr) - 15);
+                schedule_time_out();
+                time_out_src_tasks();
+                EXPECT_EQ(made->pprm_idx < 0, is_alive) << later;
+            }
+            EXPECT_EQ(rm_task(made), 0);
+            pprm_task_cleanup();
+        }
+}
+
+// As long as it lives, no file of the test's directory can be deleted.
+struct no_permission {
+    std::string dir;
+    explicit no_permission(const std::string &path) : dir(path) {
+        fs::permissions(dir, fs::perms::owner_read | fs::perms::owner_exec);
+        EXPECT_EQ(geteuid() ? 0 : seteuid(65534), 0);
+    }
+    ~no_permission() {
+        EXPECT_EQ(getuid() ? 0 : seteuid(0), 0);
+        fs::permissions(dir, fs::perms::owner_all);
+    }
+};
+
+TEST_F(Expiry, WhatCannotBeDeletedIsTriedAgain) {
+    pl_source *src = source("chan", "max_sec=100");
+    append(src, {60});
+    write_file(dir + "/s0.ts", "0");
+    write_file(dir + "/s1.ts", "1");
+    pl_task *made = task(src, PL_LIV, true, newest_item(src), newest_item(src));
+    ASSERT_EQ(mk_playlist(made), 0);
+    const std::string fpath = made->fpath;
+    const std::string lpath = made->lpath;
+    auto sweep = [&] {
+        schedule_time_out();
+        time_out_src_tasks();
+    };
+    {
+        no_permission closed(dir);
+        rm_task(made);
+        append(src, {60, 60, 60}); // s0 and s1 go, but for the permission
+        sweep();
+        EXPECT_EQ(deletions_left(), 4u);
+        expect_logged("4 files still cannot be deleted");
+    }
+    // A name that is in use again keeps its file.
+    item_data again{};
+    strcpy(again.path, "s1.ts");
+    again.duration = again.ifrm1_pts = 1;
+    ASSERT_EQ(add_seg(src, &again), 0);
+    g_ctx.last_tseq = 0;
+    made = task(src, PL_LIV, true, item(src, 0), newest_item(src));
+    strcpy(made->fpath, fpath.c_str());
+    ASSERT_EQ(mk_lockfile(made), 0);
+    sweep();
+    EXPECT_EQ(deletions_left(), 0u);
+    for (const std::string &path : {fpath, dir + "/s0.ts"})
+        EXPECT_FALSE(fs::exists(path)) << path;
+    for (const std::string &path : {lpath, dir + "/s1.ts"})
+        EXPECT_TRUE(fs::exists(path)) << path;
+    // The end names what stays.
+    {
+        no_permission closed(dir);
+        rm_task(made);
+        end_deletions();
+        expect_logged("giving up on deleting [" + lpath);
+    }
+    EXPECT_EQ(deletions_left(), 0u);
 }
 
 TEST_F(Expiry, IdleSources) {

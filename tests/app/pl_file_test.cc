@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <random>
+#include <sys/stat.h>
 
 namespace {
 
@@ -148,22 +149,25 @@ TEST_F(PlFile, AHeldLockFileTellsThatNobodyOwnsIt) {
     EXPECT_TRUE(fs::is_empty(dir));
 }
 
-TEST_F(PlFile, AFailedWriteLeavesNothingAndRecovers) {
+TEST_F(PlFile, AFailedWriteLeavesNothingHalfAndRecovers) {
     enum fault { DISK_FULL, NO_TMP, NO_RENAME, NO_LOCK, NO_DIR };
-    // What happens, and whether the task has a file already.
+    // What happens, and whether the task has a file already: it keeps that only where nothing was begun.
     const std::pair<fault, bool> cases[] = {{DISK_FULL, false}, {DISK_FULL, true}, {NO_TMP, true},
-                                            {NO_RENAME, false}, {NO_RENAME, true}, {NO_LOCK, false},
+                                            {NO_TMP, false},    {NO_RENAME, true}, {NO_LOCK, false},
                                             {NO_DIR, false}};
     pl_source *src = source();
     append(src, {10, 10});
-    const std::string path = dir + "/chan-LIV1-M0.m3u8";
+    const std::string path = dir + "/chan-EVE1-M0.m3u8";
+    const mode_t mask = umask(0); // as in the daemon
     for (const auto &[what, is_later] : cases)
         for (const bool is_gzipped : {false, true}) {
             SCOPED_TRACE(what);
             g_ctx.last_tseq = 0;
-            pl_task *made = task(src, PL_LIV, true, oldest_item(src), newest_item(src));
+            pl_task *made = task(src, PL_EVE, true, oldest_item(src), newest_item(src));
             made->is_gzipped = is_gzipped;
             ASSERT_TRUE(!is_later || mk_playlist(made) == 0);
+            made->end_time = start; // the end is in the list
+            made->must_sync_playlist = true;
             if (what == DISK_FULL)
                 fs::create_symlink("/dev/full", path + ".tmp");
             else if (what == NO_DIR)
@@ -173,17 +177,22 @@ TEST_F(PlFile, AFailedWriteLeavesNothingAndRecovers) {
             else
                 fs::create_directory(path + (what == NO_TMP ? ".tmp" : ".alk"));
             EXPECT_EQ(mk_playlist(made), -1);
-            EXPECT_TRUE(!made->fpath[0] && !made->lpath[0] && made->lkfd == -1);
-            for (const char *left : {what == NO_TMP ? "" : ".tmp", what == NO_LOCK ? "" : ".alk"})
-                EXPECT_TRUE(!*left || !fs::exists(path + left)) << left;
-            EXPECT_EQ(fs::exists(path), what == NO_RENAME);
+            EXPECT_FALSE(made->is_eot);
+            const bool is_kept = what == NO_TMP && is_later;
+            EXPECT_EQ(made->fpath[0] && made->lpath[0] && made->lkfd >= 0 && made->must_sync_playlist,
+                      is_kept);
+            EXPECT_TRUE(is_kept || (!made->fpath[0] && !made->lpath[0] && made->lkfd == -1));
+            EXPECT_EQ(fs::exists(path), is_kept || what == NO_RENAME);
+            EXPECT_EQ(fs::exists(path + ".alk"), is_kept || what == NO_LOCK);
+            EXPECT_EQ(fs::exists(path + ".tmp"), what == NO_TMP);
             fs::remove_all(dir), fs::create_directory(dir);
             EXPECT_EQ(mk_playlist(made), 0);
+            EXPECT_TRUE(made->is_eot);
             EXPECT_EQ(made->fpath, path);
-            EXPECT_TRUE(fs::exists(path) && fs::exists(path + ".alk"));
+            EXPECT_EQ(fs::status(path).permissions(), fs::perms{0644});
             ASSERT_EQ(rm_task(made), 0);
-            EXPECT_TRUE(fs::is_empty(dir));
         }
+    umask(mask);
 }
 
 TEST_F(PlFile, LockTimeOutFollowsTheList) {

@@ -139,8 +139,6 @@ def _cpu(pid):
         fields = stat.read().rsplit(")", 1)[1].split()
     return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
-# --- crashes and depth ---
-
 # --- signals ---
 
 def test_signals_during_uninterrupted_traffic(lumo):
