@@ -51,4 +51,10 @@ install_program(tools lumo-feed)
 install_unit(tools lumo-feed lumo-feed@.service)
 install_program(tools lumo-web)
 install_unit(tools lumo-web lumo-web.service)
+if(TARGET lumo-web)
+  install(DIRECTORY tools/web/www DESTINATION ${CMAKE_INSTALL_DATADIR}/lumo COMPONENT tools)
+  # The page's player, where scripts/install-deps.sh has put it.
+  install(DIRECTORY build/share/lumo/www DESTINATION ${CMAKE_INSTALL_DATADIR}/lumo COMPONENT tools
+          OPTIONAL FILES_MATCHING PATTERN "hls.*")
+endif()
 install_program(tools lumo-top)

@@ -14,7 +14,7 @@ packages_of() {
     build) echo g++ cmake ninja-build pkg-config libconfig-dev zlib1g-dev ;;
     test) echo libgtest-dev python3 python3-pytest ffmpeg ;;
     demo) echo ffmpeg python3 socat ;;
-    web) echo libmicrohttpd-dev ca-certificates npm ;;
+    web) echo libmicrohttpd-dev ca-certificates npm openssl ;;
     browser) echo chromium chromium-driver ;;
     edge) echo nginx-light ;;
     status) echo prometheus ;;
@@ -45,7 +45,41 @@ for group in "$@"; do
         is_installed "$package" || missing="$missing $package"
     done
 done
-[ -n "$missing" ] || exit 0
+
+# The page's player, with its licence, below build/; what npm has checked is not fetched again.
+HLS_VERSION=1.7.4
+HLS_SHA512=3GlxGdPvT2YHvQYOt+yOzT/DEior/qJVNIylHA77kgeoBTdQQqi70GwefNEUmHQeNGyjC8U62+bruqW/Tpm+tg==
+install_player() {
+    www=build/share/lumo/www
+    [ "$(cat "$www/hls.version.txt" 2>/dev/null)" != "$HLS_VERSION" ] || return 0
+    command -v npm >/dev/null || return 0 # then the browser's own player plays
+    rm -rf build/npm
+    mkdir -p build/npm "$www"
+    (cd build/npm && npm pack --silent "hls.js@$HLS_VERSION" >npm.log 2>&1) || {
+        cat build/npm/npm.log >&2
+        echo "install-deps.sh: could not fetch hls.js $HLS_VERSION; the page plays where the browser can" >&2
+        return 0
+    }
+    archive=build/npm/hls.js-$HLS_VERSION.tgz
+    if [ "$(openssl dgst -sha512 -binary "$archive" | base64 -w 0)" != "$HLS_SHA512" ]; then
+        echo "install-deps.sh: hls.js $HLS_VERSION is not what it should be" >&2
+        return 1
+    fi
+    tar -xzf "$archive" -C build/npm
+    cp build/npm/package/dist/hls.light.min.js "$www/hls.light.min.js"
+    cp build/npm/package/LICENSE "$www/hls.LICENSE.txt"
+    echo "$HLS_VERSION" >"$www/hls.version.txt"
+}
+
+finish() {
+    case " $groups " in *" web "*) install_player ;; esac
+}
+
+groups=$*
+if [ -z "$missing" ]; then
+    finish
+    exit 0
+fi
 
 echo "installing:$missing"
 if [ "$(id -u)" -eq 0 ]; then
@@ -69,3 +103,4 @@ install_missing >build/apt.log 2>&1 || {
     echo "install-deps.sh: could not install:$missing" >&2
     exit 1
 }
+finish
