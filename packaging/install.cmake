@@ -52,6 +52,7 @@ install_unit(tools lumo-feed lumo-feed@.service)
 install_program(tools lumo-web)
 install_unit(tools lumo-web lumo-web.service)
 if(TARGET lumo-web)
+  install(FILES etc/nginx-lumo.conf DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tools)
   install(DIRECTORY tools/web/www DESTINATION ${CMAKE_INSTALL_DATADIR}/lumo COMPONENT tools)
   # The page's player, where scripts/install-deps.sh has put it.
   install(DIRECTORY build/share/lumo/www DESTINATION ${CMAKE_INSTALL_DATADIR}/lumo COMPONENT tools
