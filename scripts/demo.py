@@ -14,9 +14,12 @@ import sys
 import tempfile
 import time
 
-from producer import BACKLOG_SEC, FPS, MAX_SEC, SEGMENT_SEC, SPEED
-
 CHANNEL = "tv"
+SEGMENT_SEC = 4
+FPS = 25
+MAX_SEC = 100  # playback length, the least that the daemon accepts
+BACKLOG_SEC = 132  # made at SPEED times real time, so that there is something to look back at
+SPEED = 8
 MAX_DATA_DIR = 63
 INTERRUPTS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
 CONFIG = """lum = {{
@@ -28,6 +31,13 @@ CONFIG = """lum = {{
     runtime = {{ quiet = true; enforce_core_dumps = false; }};
 }};
 """
+
+ROLES = {
+    # picture, tone, pace, options; the recording is set back so that it meets the clock when it is made
+    "main": ("testsrc2", 440, f"sendcmd=c='{BACKLOG_SEC}.0 realtime speed 1',realtime=speed={SPEED}:limit=2",
+             ["--start-ago", str(round(BACKLOG_SEC - BACKLOG_SEC / SPEED))]),
+    "backup": ("smptebars", 880, "realtime", ["--backup"]),
+}
 
 
 class Failed(Exception):
@@ -54,6 +64,7 @@ class Playlist:
 class Demo:
     def __init__(self, program):
         self.program = str(pathlib.Path(program).resolve())
+        self.feeder = str(pathlib.Path(self.program).with_name("lumo-feed"))
         self.root = pathlib.Path(tempfile.mkdtemp(prefix="lumo-demo-"))
         self.media = self.root / CHANNEL
         self.media.mkdir()
@@ -75,9 +86,14 @@ class Demo:
             return sock.connect_ex(str(self.root / "playlist.sock")) == 0
 
     def start_producer(self, role):
-        script = pathlib.Path(__file__).with_name("producer.py")
+        picture, tone, pace, options = ROLES[role]
         self.producers[role] = subprocess.Popen(
-            [sys.executable, str(script), role, str(self.root), CHANNEL], start_new_session=True)
+            [self.feeder, "--config", str(self.root / "lum.conf"), "--depth", str(MAX_SEC), "--verbose",
+             "--segment", str(SEGMENT_SEC), *options, CHANNEL, "--", "-loglevel", "error",
+             "-f", "lavfi", "-i", f"{picture}=size=320x180:rate={FPS}",
+             "-f", "lavfi", "-i", f"sine=frequency={tone}:sample_rate=48000", "-vf", pace,
+             "-c:v", "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p", "-c:a", "aac", "-b:a", "64k"],
+            start_new_session=True)
 
     def kill_producer(self, role):
         producer = self.producers.pop(role)
@@ -125,6 +141,11 @@ class Demo:
         lines = path.read_text().splitlines() if path.exists() else []
         rows = [line.split() for line in lines]
         return [row for row in rows if len(row) == 8 and row[2].startswith(f"{CHANNEL}/{role}")]
+
+    def noted(self, role):
+        """The number of the newest segment of a producer in the manifest."""
+        rows = self.manifest(f"{role}-")
+        return int(re.search(r"-(\d+)\.ts$", rows[-1][2])[1]) if rows else 0
 
     def request(self, line):
         with socket.socket(socket.AF_UNIX) as sock:
@@ -174,19 +195,19 @@ class Demo:
         print(f"\n== Live and on demand: a source of {SEGMENT_SEC} s segments keeps {MAX_SEC} s; the first "
               f"{BACKLOG_SEC} s are made at {SPEED} times real time", flush=True)
         self.start_producer("main")
-        self.wait("8 segments", lambda: len(self.manifest()) >= 8)
+        self.wait("8 segments", lambda: self.noted("main") >= 8)
         oldest = self.root / self.manifest()[0][2]
         live = self.ask(f"T1 LIV {CHANNEL}")
         self.check(oldest.exists(), f"the oldest segment's file is there: {oldest}")
         self.check(not live.is_ended and len(live.segments) <= 7, "a live playlist of the newest segments")
-        seen = len(self.manifest())
-        self.wait("more segments", lambda: len(self.manifest()) >= seen + 4)
+        seen = self.noted("main")
+        self.wait("more segments", lambda: self.noted("main") >= seen + 4)
         later = self.ask(f"T2 LIV {CHANNEL}")
         self.check(later.path == live.path and later.first > live.first,
                    f"the same playlist has moved on from segment {live.first} to {later.first}")
         self.wait("the old segment's file to disappear", lambda: not oldest.exists())
         self.check(not oldest.exists(), f"the oldest segment's file has been deleted: {oldest}")
-        self.wait("the recording to catch up", lambda: len(self.manifest()) >= BACKLOG_SEC // SEGMENT_SEC)
+        self.wait("the recording to catch up", lambda: self.noted("main") >= BACKLOG_SEC // SEGMENT_SEC)
         self.start_producer("backup")
         vod = self.ask(f"T3 VOD {CHANNEL}")
         self.check(vod.is_ended and MAX_SEC - SEGMENT_SEC < vod.duration < MAX_SEC + 0.01,
@@ -204,8 +225,7 @@ class Demo:
 
     def stand_in(self, live_path):
         print(f"\n== Stand-in: the main producer is killed, ~{CHANNEL} takes over", flush=True)
-        begun = len(self.manifest("main"))
-        unfinished = self.media / f"main-{begun + 1:04d}.ts"
+        unfinished = self.media / f"main-{self.noted('main') + 1:06d}.ts"
         self.wait("a segment half written", lambda: unfinished.exists() and unfinished.stat().st_size > 0)
         self.kill_producer("main")
         print(f"  killed in {unfinished.name}, {unfinished.stat().st_size} bytes written", flush=True)
@@ -230,7 +250,7 @@ class Demo:
         # At the old end, and only there, what has meanwhile passed the playback length is missing.
         gone = next((i for i, path in enumerate(before.segments) if path in after.segments), len(before.segments))
         starts = {row[2]: int(row[3]) for row in self.manifest()}
-        is_past = all(time.time() - starts[path] > MAX_SEC for path in before.segments[:gone])
+        is_past = all(time.time() - starts.get(path, 0) > MAX_SEC for path in before.segments[:gone])
         kept = before.segments[gone:]
         self.check(kept and after.segments[:len(kept)] == kept
                    and (is_past or after.duration > MAX_SEC - SEGMENT_SEC),
