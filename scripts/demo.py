@@ -1,6 +1,7 @@
 """Plays the scenes of the demo and checks them:  demo.py [--keep] PROGRAM
 
-Everything lies in one temporary directory, which is removed at the end.
+The feeder and the front end stand beside PROGRAM. Everything lies in one temporary directory, which is removed at
+the end.
 """
 import gzip
 import os
@@ -13,8 +14,11 @@ import subprocess
 import sys
 import tempfile
 import time
+import urllib.error
+import urllib.request
 
 CHANNEL = "tv"
+LIVE, VOD, SHIFT = f"{CHANNEL}/live.m3u8", f"{CHANNEL}/vod.m3u8", f"{CHANNEL}/shift.m3u8?back=20"
 SEGMENT_SEC = 4
 FPS = 25
 MAX_SEC = 100  # playback length, the least that the daemon accepts
@@ -27,6 +31,7 @@ CONFIG = """lum = {{
     pl_socket = "{root}/playlist.sock";
     data_dir = "{root}";
     refresh_playlists = true;
+    strict_hls = true;
     log = {{ file = "{root}/lumo.log"; enable_syslog = false; }};
     runtime = {{ quiet = true; enforce_core_dumps = false; }};
 }};
@@ -44,13 +49,22 @@ class Failed(Exception):
     pass
 
 
-class Playlist:
-    """One answer: its file's path and text."""
+def feeder_command(feeder, config, role):
+    """What runs a producer of the channel."""
+    picture, tone, pace, options = ROLES[role]
+    return [feeder, "--config", str(config), "--depth", str(MAX_SEC), "--verbose", "--segment", str(SEGMENT_SEC), *options,
+            CHANNEL, "--", "-loglevel", "error", "-f", "lavfi", "-i", f"{picture}=size=320x180:rate={FPS}",
+            "-f", "lavfi", "-i", f"sine=frequency={tone}:sample_rate=48000", "-vf", pace,
+            "-c:v", "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p", "-c:a", "aac", "-b:a", "64k"]
 
-    def __init__(self, kind, path):
-        self.path = pathlib.Path(path)
-        data = self.path.read_bytes()
-        self.text = (gzip.decompress(data) if kind == "gzip/M3U" else data).decode()
+
+class Playlist:
+    """One answer of the front end."""
+
+    def __init__(self, url, answer):
+        self.url = url
+        data = answer.read()
+        self.text = (gzip.decompress(data) if answer.headers["Content-Encoding"] == "gzip" else data).decode()
         self.segments = re.findall(r"^(?!#)(.+)$", self.text, re.MULTILINE)
         self.duration = sum(float(d) for d in re.findall(r"^#EXTINF:([\d.]+),", self.text, re.MULTILINE))
         self.first = int(re.search(r"^#EXT-X-MEDIA-SEQUENCE:(\d+)$", self.text, re.MULTILINE)[1])
@@ -69,8 +83,11 @@ class Demo:
         self.media = self.root / CHANNEL
         self.media.mkdir()
         self.producers = {}
-        self.daemon = None
-        self.served = set()  # playlists whose lock files a front end keeps touching
+        self.daemon = self.web = None
+        with socket.create_server(("127.0.0.1", 0)) as probe:
+            self.url = f"http://127.0.0.1:{probe.getsockname()[1]}/"
+        self.watched = set()  # URLs that a viewer goes on asking for
+        self.looked_at = 0
         self.checks = 0
 
     # --- the parts ---
@@ -85,15 +102,15 @@ class Demo:
         with socket.socket(socket.AF_UNIX) as sock:
             return sock.connect_ex(str(self.root / "playlist.sock")) == 0
 
+    def start_web(self):
+        port = self.url.rstrip("/").rpartition(":")[2]
+        self.web = subprocess.Popen([pathlib.Path(self.program).with_name("lumo-web"), "-C", self.root / "lum.conf",
+                                     "--port", port])
+        self.wait("the front end", lambda: self.status("healthz") == 200)
+
     def start_producer(self, role):
-        picture, tone, pace, options = ROLES[role]
-        self.producers[role] = subprocess.Popen(
-            [self.feeder, "--config", str(self.root / "lum.conf"), "--depth", str(MAX_SEC), "--verbose",
-             "--segment", str(SEGMENT_SEC), *options, CHANNEL, "--", "-loglevel", "error",
-             "-f", "lavfi", "-i", f"{picture}=size=320x180:rate={FPS}",
-             "-f", "lavfi", "-i", f"sine=frequency={tone}:sample_rate=48000", "-vf", pace,
-             "-c:v", "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p", "-c:a", "aac", "-b:a", "64k"],
-            start_new_session=True)
+        self.producers[role] = subprocess.Popen(feeder_command(self.feeder, self.root / "lum.conf", role),
+                                                start_new_session=True)
 
     def kill_producer(self, role):
         producer = self.producers.pop(role)
@@ -103,9 +120,10 @@ class Demo:
     def close(self):
         for role in list(self.producers):
             self.kill_producer(role)
-        if self.daemon and self.daemon.poll() is None:
-            self.daemon.kill()
-            self.daemon.wait()
+        for process in (self.web, self.daemon):
+            if process and process.poll() is None:
+                process.kill()
+                process.wait()
         shutil.rmtree(self.root)
 
     # --- looking ---
@@ -125,15 +143,25 @@ class Demo:
                 raise Failed(f"the {ended[0]} producer has ended")
             if time.monotonic() > end:
                 raise Failed(f"waited {timeout} s for {what}")
-            self.touch_locks()
+            self.look_on()
             time.sleep(0.05)
 
-    def touch_locks(self):
-        for path in list(self.served):
-            try:
-                os.utime(f"{path}.alk")
-            except FileNotFoundError:
-                self.served.discard(path)
+    def look_on(self):
+        """A viewer's player asks again and again, which keeps its playlist."""
+        if time.monotonic() - self.looked_at < 1:
+            return
+        self.looked_at = time.monotonic()
+        for path in self.watched:
+            self.status(path)
+
+    def status(self, path):
+        try:
+            with urllib.request.urlopen(self.url + path, timeout=10) as answer:
+                return answer.status
+        except urllib.error.HTTPError as fault:
+            return fault.code
+        except OSError:
+            return 0
 
     def manifest(self, role=""):
         """The segment lines of the manifest, split into words."""
@@ -147,24 +175,20 @@ class Demo:
         rows = self.manifest(f"{role}-")
         return int(re.search(r"-(\d+)\.ts$", rows[-1][2])[1]) if rows else 0
 
-    def request(self, line):
-        with socket.socket(socket.AF_UNIX) as sock:
-            sock.settimeout(10)
-            sock.connect(str(self.root / "playlist.sock"))
-            sock.sendall(line.encode() + b"\n")
-            return sock.makefile().readline().rstrip("\n")
-
-    def ask(self, line):
-        print(f"  request: {line}", flush=True)
-        answer = self.request(line)
-        print(f"  answer:  {answer}", flush=True)
-        words = answer.split()
-        if len(words) != 3 or not words[1].endswith("/M3U"):
-            raise Failed(f"no playlist for {line}: {answer}")
-        playlist = Playlist(words[1], words[2])
-        self.served.add(words[2])
+    def ask(self, path):
+        print(f"  GET {self.url}{path}", flush=True)
+        request = urllib.request.Request(self.url + path, headers={"Accept-Encoding": "gzip"})
+        try:
+            with urllib.request.urlopen(request, timeout=10) as answer:
+                print(f"  {answer.status} {answer.headers['Content-Type']}, from {answer.url}", flush=True)
+                playlist = Playlist(answer.url, answer)
+        except OSError as fault:
+            raise Failed(f"no playlist at {path}: {fault}") from fault
         playlist.show()
         return playlist
+
+    def live_files(self):
+        return sorted(self.root.glob(f"{CHANNEL}-LIV*.m3u8"))
 
     def play(self, path, duration, what):
         """Decodes with every error fatal, and counts the pictures."""
@@ -197,56 +221,57 @@ class Demo:
         self.start_producer("main")
         self.wait("8 segments", lambda: self.noted("main") >= 8)
         oldest = self.root / self.manifest()[0][2]
-        live = self.ask(f"T1 LIV {CHANNEL}")
+        live = self.ask(LIVE)
+        self.watched.add(LIVE)
         self.check(oldest.exists(), f"the oldest segment's file is there: {oldest}")
         self.check(not live.is_ended and len(live.segments) <= 7, "a live playlist of the newest segments")
         seen = self.noted("main")
         self.wait("more segments", lambda: self.noted("main") >= seen + 4)
-        later = self.ask(f"T2 LIV {CHANNEL}")
-        self.check(later.path == live.path and later.first > live.first,
+        later = self.ask(LIVE)
+        self.check(later.first > live.first,
                    f"the same playlist has moved on from segment {live.first} to {later.first}")
         self.wait("the old segment's file to disappear", lambda: not oldest.exists())
         self.check(not oldest.exists(), f"the oldest segment's file has been deleted: {oldest}")
         self.wait("the recording to catch up", lambda: self.noted("main") >= BACKLOG_SEC // SEGMENT_SEC)
         self.start_producer("backup")
-        vod = self.ask(f"T3 VOD {CHANNEL}")
+        vod = self.ask(VOD)
         self.check(vod.is_ended and MAX_SEC - SEGMENT_SEC < vod.duration < MAX_SEC + 0.01,
                    f"all that is kept, {vod.duration:.1f} of at most {MAX_SEC} s, as a finished playlist")
         self.play(self.snapshot(vod, "vod.m3u8"), vod.duration, "the VOD playlist from beginning to end")
-        return live.path
+        return self.live_files()
 
     def time_shift(self):
         print("\n== Time shift: the stream as it was 20 seconds ago", flush=True)
         then = int(time.time()) - 20
-        event = self.ask(f"T4 EVE {CHANNEL} -20")
+        event = self.ask(SHIFT)
         at = [row[2] for row in self.manifest() if int(row[3]) <= then][-1]
         self.check(at in event.segments[:-1], f"the segment of that moment is in it: {at}")
         self.play(self.snapshot(event, "event.m3u8"), event.duration, "the event playlist")
 
-    def stand_in(self, live_path):
+    def stand_in(self, live_files):
         print(f"\n== Stand-in: the main producer is killed, ~{CHANNEL} takes over", flush=True)
         unfinished = self.media / f"main-{self.noted('main') + 1:06d}.ts"
         self.wait("a segment half written", lambda: unfinished.exists() and unfinished.stat().st_size > 0)
         self.kill_producer("main")
         print(f"  killed in {unfinished.name}, {unfinished.stat().st_size} bytes written", flush=True)
         self.wait("two segments of the stand-in", lambda: len(self.manifest("backup")) >= 2)
-        live = self.ask(f"T5 LIV {CHANNEL}")
+        live = self.ask(LIVE)
         roles = [path.removeprefix(f"{CHANNEL}/").split("-")[0] for path in live.segments]
-        self.check(live.path == live_path, "the same live playlist goes on")
+        self.check(len(live_files) == 1 and self.live_files() == live_files, "the same live playlist goes on")
         self.check(live.breaks == 1 and roles == sorted(roles, reverse=True) and len(set(roles)) == 2,
                    f"with one discontinuity: {roles.count('main')} segments of the main producer, then "
                    f"{roles.count('backup')} of the stand-in")
-        self.play(live.path, live.duration, "the live playlist across the discontinuity")
+        self.play(live.url, live.duration, "the live playlist across the discontinuity")
 
     def restart(self):
         print("\n== Restart: the daemon is killed and imports the manifest", flush=True)
-        before = self.ask(f"T6 VOD {CHANNEL}")
+        before = self.ask(VOD)
         self.daemon.kill()
         self.daemon.wait()
         print(f"  killed with SIGKILL, {len(before.segments)} segments were in the books", flush=True)
         self.start_daemon()
-        self.wait("the source to return", lambda: "ERROR" not in self.request(f"T0 LIV {CHANNEL}"))
-        after = self.ask(f"T7 VOD {CHANNEL}")
+        self.wait("the source to return", lambda: self.status(VOD) == 200)
+        after = self.ask(VOD)
         # At the old end, and only there, what has meanwhile passed the playback length is missing.
         gone = next((i for i, path in enumerate(before.segments) if path in after.segments), len(before.segments))
         starts = {row[2]: int(row[3]) for row in self.manifest()}
@@ -263,25 +288,28 @@ class Demo:
         print("\n== Stop", flush=True)
         for role in list(self.producers):
             self.kill_producer(role)
-        self.daemon.terminate()
-        self.check(self.daemon.wait(10) == 0, "the daemon ends with status 0 when asked to")
+        for process in (self.web, self.daemon):
+            process.terminate()
+        self.check(self.web.wait(10) == self.daemon.wait(10) == 0,
+                   "front end and daemon end with status 0 when asked to")
 
     def scenes(self):
         if len(str(self.root)) > MAX_DATA_DIR:
             raise Failed(f"the temporary directory's name is too long for a source: {self.root}")
         self.start_daemon()
-        live_path = self.live_and_vod()
+        self.start_web()
+        live_files = self.live_and_vod()
         self.time_shift()
-        self.stand_in(live_path)
+        self.stand_in(live_files)
         self.restart()
 
     def keep(self):
+        print(f"\n== Running until interrupted. The page: {self.url}", flush=True)
+        for path in (LIVE, VOD, SHIFT):
+            print(f"  curl -L --compressed '{self.url}{path}'")
         sock = self.root / "playlist.sock"
-        print("\n== Running until interrupted. Ask for playlists:", flush=True)
-        for request in (f"T9 LIV {CHANNEL}", f"T9 VOD {CHANNEL}", f"T9 EVE {CHANNEL} -20"):
-            print(f"  echo '{request}' | socat -t1 - UNIX-CONNECT:{sock}")
-        print("The answer names the playlist file; read a gzip/M3U one with zcat, and touch FILE.alk at least\n"
-              f"every 20 seconds to keep it. Segments: {self.media}  Log: {self.root}/lumo.log", flush=True)
+        print(f"The daemon by hand:  echo 'T9 LIV {CHANNEL}' | socat -t1 - UNIX-CONNECT:{sock}\n"
+              f"Segments: {self.media}  Log: {self.root}/lumo.log", flush=True)
         while True:
             self.wait("ever", lambda: False, timeout=float("inf"))
 

@@ -1,7 +1,7 @@
 #!/bin/sh
 # Shows lumo at work on real media:  demo.sh [--keep]
 # Installs what is missing, builds the program and plays the scenes of demo.py in a temporary directory.
-# --keep leaves everything running until interrupted and tells how to ask for playlists by hand.
+# --keep leaves everything running until interrupted and tells the page's address.
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -12,6 +12,6 @@ case ${1-} in
     exit 2
     ;;
 esac
-scripts/install-deps.sh build demo
+scripts/install-deps.sh build demo web
 scripts/build.sh
 exec python3 -B scripts/demo.py "$@" build/program/lumo

@@ -31,7 +31,7 @@ for group; do
     exit 2
 done
 
-scripts/install-deps.sh build test web edge
+scripts/install-deps.sh build test web edge browser
 for group; do
     echo "== $group"
     "group_$group"

@@ -98,7 +98,23 @@ class Browser:
         return self.run("const v = document.querySelector('video');"
                         "return {at: v.currentTime, frames: v.getVideoPlaybackQuality().totalVideoFrames,"
                         " width: v.videoWidth, paused: v.paused, ready: v.readyState,"
-                        " date: window.hls && hls.playingDate ? hls.playingDate.getTime() / 1000 : null}")
+                        " segment: window.lumoSegment || '',"
+                        " date: hls && hls.playingDate ? hls.playingDate.getTime() / 1000 : null}")
+
+    def watch(self, seconds, until=None):
+        """Looks on while the video plays, for that long or until `until(state)` holds: how far it came and
+        the longest time that its picture stood still, in seconds, and the last state."""
+        begun = moved = time.monotonic()
+        first = last = self.video()
+        stall = 0.0
+        while time.monotonic() - begun < seconds and not (until and until(last)):
+            time.sleep(0.2)
+            now = self.video()
+            if now["at"] != last["at"] and now["frames"] != last["frames"]:
+                moved = time.monotonic()
+            stall = max(stall, time.monotonic() - moved)
+            last = now
+        return last["at"] - first["at"], stall, last
 
     def errors(self):
         return self.run("return window.lumoErrors")

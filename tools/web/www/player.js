@@ -12,8 +12,9 @@ let watched = null; // the channel's name
 let mode = null; // {kind, label, url}
 let hls = null, retry = null;
 
-// Everything the player complained about, for whoever looks into the page.
+// Everything the player complained about, and the segment that it plays, for whoever looks into the page.
 window.lumoErrors = [];
+window.lumoSegment = "";
 
 const now = () => Date.now() / 1000 + clockSkew;
 const pad = n => String(n).padStart(2, "0");
@@ -99,6 +100,7 @@ function load(url) {
     hls = new Hls({ backBufferLength: 60, liveDurationInfinity: true });
     hls.on(Hls.Events.ERROR, onHlsError);
     hls.on(Hls.Events.FRAG_BUFFERED, () => say(""));
+    hls.on(Hls.Events.FRAG_CHANGED, (_event, data) => { window.lumoSegment = data.frag.relurl; });
     hls.loadSource(url);
     hls.attachMedia(video);
   } else if (video.canPlayType("application/vnd.apple.mpegurl")) {
