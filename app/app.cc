@@ -7,6 +7,7 @@
 #include "app/manifest.h"
 #include "app/mdr.h"
 #include "app/pl.h"
+#include "app/pl_stretch.h"
 #include "app/retry.h"
 #include "app/task.h"
 #include "lib/check.h"
@@ -270,6 +271,7 @@ void destroy_src(pl_source *src) {
     free_texts(src);
     xvlst_purge_all(&src->tasks, rm_task_rec);
     xvlst_reset(&src->tasks);
+    stretch_drop(src);
     if (src->items)
         dlep_destroy(src->items, free_item_elem);
     src->items = nullptr;

@@ -1,6 +1,7 @@
 #include "app/item.h"
 
 #include "app/adjust.h"
+#include "app/pl_stretch.h"
 #include "app/retry.h"
 #include "lib/check.h"
 #include "lib/log.h"
@@ -186,6 +187,8 @@ static void count_breaks(pl_source *src, pl_item *item) {
 
 static bool insert_item(pl_source *src, pl_item *item) {
     bool must_sort = src->manif.is_feeding && src->manif.must_sort;
+    if (must_sort)
+        stretch_drop(src); // the item may come to stand within one
     dlep_elem *in =
         must_sort ? dlep_sadd(src->items, &item->le, 0, plitem_cmp) : dlep_append(src->items, &item->le);
     if (in != &item->le)
@@ -274,6 +277,7 @@ static void retire_oldest(pl_source *src) {
         recycle_segfile(src, item);
     }
     note_retired(src, item->duration);
+    stretch_retire(src, item);
     // An empty list weighs nothing, whatever rounding has left over.
     if (!newest_item(src))
         src->total_sec = 0;

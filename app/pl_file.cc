@@ -1,5 +1,7 @@
 #include "app/pl_file.h"
 
+#include "app/pl_gzip.h"
+#include "app/pl_stretch.h"
 #include "app/pl_text.h"
 #include "app/retry.h"
 #include "app/task.h"
@@ -16,75 +18,87 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <zlib.h>
 
 LOG_UNIT(LOG_MOD_APP);
 
 static constexpr size_t NAME_LIMIT = MAX_PL_PATH - 1; // bytes of the name with its terminating zero
 static constexpr size_t TMP_LIMIT = MAX_PL_PATH + 8;
-static constexpr size_t CHUNK = 256 * 1024;      // written at once
-static constexpr unsigned GZ_BUFFER = 32 * 1024; // smaller than a chunk: compressed straight from ours
+static constexpr size_t CHUNK = 256 * 1024; // written at once
 static constexpr size_t MIN_IO_ITEMS = 10;
 
 // --- the writer ---
 
-// Text collects in one buffer and goes out in chunks, plain or through the compressor.
+// Text collects in one buffer and goes out in chunks, plain or through the compressor, whose bytes collect in
+// another.
 static struct pl_writer {
-    FILE *fp;
-    gzFile gz;
+    int fd = -1;
     bool has_failed;
-    char buf[CHUNK];
+    char text[CHUNK];
+    char bytes[CHUNK];
 } g_out;
 
-static void out_drain(text_sink *sink) {
-    if (sink->len > 0 && !g_out.has_failed) {
-        bool is_whole = g_out.gz ? gzwrite(g_out.gz, sink->buf, static_cast<unsigned>(sink->len)) > 0
-                                 : fwrite(sink->buf, 1, sink->len, g_out.fp) == sink->len;
-        g_out.has_failed = !is_whole;
+// What cannot be written is gone, and told when the file is closed.
+static void drain_to_file(text_sink *sink) {
+    const char *at = sink->buf;
+    while (sink->len > 0 && !g_out.has_failed) {
+        ssize_t n = write(g_out.fd, at, sink->len);
+        if (n < 0 && errno == EINTR)
+            continue;
+        g_out.has_failed = n <= 0;
+        if (n > 0) {
+            at += n;
+            sink->len -= static_cast<size_t>(n);
+        }
     }
     sink->len = 0;
 }
 
-// Whatever the mask, nobody else may write to it.
-static bool out_open(const char *path, bool is_gzipped) {
-    g_out.fp = nullptr;
-    g_out.gz = nullptr;
-    g_out.has_failed = false;
-    int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return false;
-    if (is_gzipped) {
-        g_out.gz = gzdopen(fd, "w");
-        if (g_out.gz)
-            gzbuffer(g_out.gz, GZ_BUFFER);
-    } else {
-        g_out.fp = fdopen(fd, "w");
-        if (g_out.fp)
-            setvbuf(g_out.fp, nullptr, _IONBF, 0);
-    }
-    if (g_out.fp || g_out.gz)
+static void drain_to_gzip(text_sink *sink) {
+    gz_text({sink->buf, sink->len});
+    sink->len = 0;
+}
+
+static void put_text(text_sink *sink, const pl_task *task, const pl_style &style, const text_spans *spans,
+                     pl_totals *totals) {
+    put_head(sink, task, *totals);
+    put_items(sink, task, style, spans, totals);
+    put_end(sink, task, *totals);
+    sink->drain(sink);
+}
+
+// False when the compressor cannot be had; other failures show when the file is closed.
+static bool write_text(const pl_task *task, pl_totals *totals) {
+    text_sink text = {.buf = g_out.text, .size = CHUNK, .len = 0, .drain = drain_to_file};
+    text_sink bytes = {.buf = g_out.bytes, .size = CHUNK, .len = 0, .drain = drain_to_file};
+    text_spans spans;
+    pl_style style = text_style(task);
+    bool has_spans = stretch_open(task, style, &spans);
+    measure_window(task, has_spans ? &spans : nullptr, totals);
+    if (!task->is_gzipped) {
+        put_text(&text, task, style, nullptr, totals);
         return true;
-    int err = errno != 0 ? errno : ENOMEM;
-    W_close(__func__, fd);
-    errno = err;
-    return false;
+    }
+    if (!gz_begin(&bytes))
+        return false;
+    text.drain = drain_to_gzip;
+    put_text(&text, task, style, has_spans ? &spans : nullptr, totals);
+    gz_end();
+    drain_to_file(&bytes);
+    return true;
+}
+
+// Whatever the mask, nobody else may write to it.
+static bool out_open(const char *path) {
+    g_out.fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    g_out.has_failed = false;
+    return g_out.fd >= 0;
 }
 
 // True when everything arrived in the file.
 static bool out_close() {
-    bool is_closed = g_out.gz ? gzclose(g_out.gz) == Z_OK : fclose(g_out.fp) == 0;
-    g_out.fp = nullptr;
-    g_out.gz = nullptr;
+    bool is_closed = close(g_out.fd) == 0;
+    g_out.fd = -1;
     return is_closed && !g_out.has_failed;
-}
-
-static void write_text(const pl_task *task, pl_totals *totals) {
-    text_sink sink = {.buf = g_out.buf, .size = sizeof(g_out.buf), .len = 0, .drain = out_drain};
-    pl_style style = text_style(task);
-    put_head(&sink, task, *totals);
-    put_items(&sink, task, style, totals);
-    put_end(&sink, task, *totals);
-    out_drain(&sink);
 }
 
 // --- the files ---
@@ -170,15 +184,15 @@ enum write_result { WRITTEN, NOT_BEGUN, WRITE_FAILED };
 static write_result write_playlist(pl_task *task, bool is_new, pl_totals *totals) {
     char tmp[TMP_LIMIT];
     snprintf(tmp, sizeof(tmp), "%s.tmp", task->fpath);
-    measure_window(task, totals);
     errno = 0;
-    if (!out_open(tmp, task->is_gzipped)) {
+    if (!out_open(tmp)) {
         LOG(LL_ERROR, "%s: %s(%s,..) ERROR(%d): %s\n", "mk_playlist", task->is_gzipped ? "gzopen" : "fopen",
             tmp, errno, strerror(errno));
         return NOT_BEGUN;
     }
-    write_text(task, totals);
-    int rc = out_close() ? publish(task, tmp, is_new) : report_failure(task, "write failed");
+    bool is_written = write_text(task, totals);
+    is_written = out_close() && is_written;
+    int rc = is_written ? publish(task, tmp, is_new) : report_failure(task, "write failed");
     if (rc == 0)
         return WRITTEN;
     delete_file("mk_playlist", tmp);

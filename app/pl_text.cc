@@ -4,6 +4,7 @@
 #include "lib/log.h"
 #include "lib/timeop.h"
 
+#include <algorithm>
 #include <charconv>
 #include <climits>
 #include <cmath>
@@ -31,9 +32,14 @@ long next_item_sec(const pl_item *item) {
     return next ? whole_sec(next->duration) : 0;
 }
 
-bool ends_event(const pl_item *item, time_t end_time) {
+time_t event_reach(const pl_item *item) {
     time_t item_end = item_end_time(item);
-    return item_end >= end_time || add_seconds(item_end, next_item_sec(item)) > end_time;
+    time_t next_end = add_seconds(item_end, next_item_sec(item));
+    return next_end > item_end ? next_end - 1 : item_end;
+}
+
+bool ends_event(const pl_item *item, time_t end_time) {
+    return end_time <= event_reach(item);
 }
 
 // --- the sink ---
@@ -97,6 +103,16 @@ static char *put_duration(char *at, double sec) {
 
 // --- the text ---
 
+void span_item(text_span *span, const pl_item *item) {
+    ++span->items;
+    if (is_segment(item))
+        span->total_sec += item->duration;
+    if (item->duration > span->longest_sec)
+        span->longest_sec = item->duration;
+    if (time_t reach = event_reach(item); span->items == 1 || reach > span->reach)
+        span->reach = reach;
+}
+
 // Walks the window. Of a whole list the result is kept, so that the next playlist over it need not walk.
 static longest_item find_longest(const pl_task *task, size_t *items) {
     longest_item longest{};
@@ -112,15 +128,34 @@ static longest_item find_longest(const pl_task *task, size_t *items) {
     }
 }
 
-void measure_window(const pl_task *task, pl_totals *totals) {
+// The same by spans, which are made here.
+static double span_longest(const pl_task *task, const text_spans *spans, size_t *items) {
+    double longest = 0;
+    *items = 0;
+    for (const pl_item *item = task->ifirst; item;) {
+        const text_span *span = spans->make(spans, item, task->ilast);
+        *items += span ? span->items : 1;
+        longest = std::max(longest, span ? span->longest_sec : item->duration);
+        if (item == task->ilast)
+            break;
+        item = span ? span->end : newer_item(item);
+    }
+    return longest;
+}
+
+static double window_longest(const pl_task *task, size_t *items) {
     pl_source *src = task->src;
     bool is_whole = task->ifirst == oldest_item(src) && task->ilast == newest_item(src);
-    totals->items = dlep_count(src->items);
-    longest_item longest =
-        is_whole && src->longest.count > 0 ? src->longest : find_longest(task, &totals->items);
+    *items = dlep_count(src->items);
+    longest_item longest = is_whole && src->longest.count > 0 ? src->longest : find_longest(task, items);
     if (is_whole)
         src->longest = longest;
-    double rounded = nearbyint(longest.sec);
+    return longest.sec;
+}
+
+void measure_window(const pl_task *task, const text_spans *spans, pl_totals *totals) {
+    double longest = spans ? span_longest(task, spans, &totals->items) : window_longest(task, &totals->items);
+    double rounded = nearbyint(longest);
     unsigned max_duration = rounded < 1 ? 1 : rounded >= UINT_MAX ? UINT_MAX : static_cast<unsigned>(rounded);
     CHECK(max_duration > 0);
     totals->target_sec = max_duration;
@@ -163,14 +198,34 @@ void put_item(text_sink *out, const pl_item *item, const pl_style &style) {
         sink_printf(out, "#EXT-X-DISCONTINUITY\n");
 }
 
-void put_items(text_sink *out, const pl_task *task, const pl_style &style, pl_totals *totals) {
+static void put_window_item(text_sink *out, const pl_task *task, const pl_item *item, const pl_style &style) {
+    if (is_segment(item) || item != task->ifirst)
+        put_item(out, item, style);
+    else
+        LOG(LL_DEBUG, "%s: skipping DISCONTINUITY as 1st item\n", "mk_playlist");
+}
+
+// The ready text that begins with the item and does not hold the event's end.
+static const text_span *put_span(text_sink *out, const pl_task *task, const pl_item *item,
+                                 const text_spans *spans) {
+    const text_span *span = spans->find(spans, item, task->ilast);
+    if (!span || (task->end_time > 0 && task->end_time <= span->reach))
+        return nullptr;
+    out->drain(out);
+    spans->put(span);
+    return span;
+}
+
+void put_items(text_sink *out, const pl_task *task, const pl_style &style, const text_spans *spans,
+               pl_totals *totals) {
     for (const pl_item *item = task->ifirst;; item = newer_item(item)) {
+        while (const text_span *span = spans ? put_span(out, task, item, spans) : nullptr) {
+            totals->total_sec += span->total_sec;
+            item = span->end;
+        }
         if (is_segment(item))
             totals->total_sec += item->duration;
-        if (is_segment(item) || item != task->ifirst)
-            put_item(out, item, style);
-        else
-            LOG(LL_DEBUG, "%s: skipping DISCONTINUITY as 1st item\n", "mk_playlist");
+        put_window_item(out, task, item, style);
         if (task->end_time > 0 && ends_event(item, task->end_time)) {
             totals->is_at_end = true;
             LOG(LL_DEBUG, "%s: EOT task (%p) %s%u\n", "mk_playlist", static_cast<const void *>(task),

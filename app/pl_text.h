@@ -30,16 +30,38 @@ struct pl_totals {
     bool is_at_end;      // the event's end was among them
 };
 
+// Items in a row whose text is kept ready elsewhere, with what they add to a playlist.
+struct text_span {
+    const pl_item *first; // a segment; null = none
+    const pl_item *end;   // the item behind the last one
+    size_t items;
+    double total_sec;   // durations of the segments
+    double longest_sec; // longest duration
+    time_t reach;       // latest end of an event that ends within, as event_reach
+};
+
+// Where ready spans come from. Both look for one that begins with `item` and ends in front of `last`; `make`
+// also makes it.
+struct text_spans {
+    pl_source *src;
+    pl_style style;
+    const text_span *(*find)(const text_spans *, const pl_item *item, const pl_item *last);
+    const text_span *(*make)(const text_spans *, const pl_item *item, const pl_item *last);
+    void (*put)(const text_span *); // its text; what came before was drained from the sink
+};
+
 // The style of the task's playlist; the prefix is its source's or the configured one.
 pl_style text_style(const pl_task *task);
-// Fills target duration and number of items of the task's window; the total comes with put_items.
-void measure_window(const pl_task *task, pl_totals *totals);
+// Fills target duration and number of items of the task's window; the total comes with put_items. Both take
+// what `spans` has of it, null for nothing.
+void measure_window(const pl_task *task, const text_spans *spans, pl_totals *totals);
 
 void put_head(text_sink *out, const pl_task *task, const pl_totals &totals);
 // The lines of one item that is not the first of its window.
 void put_item(text_sink *out, const pl_item *item, const pl_style &style);
 // The lines of the window, up to the item that ends the event. Fills what is left of the totals.
-void put_items(text_sink *out, const pl_task *task, const pl_style &style, pl_totals *totals);
+void put_items(text_sink *out, const pl_task *task, const pl_style &style, const text_spans *spans,
+               pl_totals *totals);
 // The closing line, for a list to which nothing will be added.
 void put_end(text_sink *out, const pl_task *task, const pl_totals &totals);
 
@@ -47,5 +69,9 @@ void put_end(text_sink *out, const pl_task *task, const pl_totals &totals);
 time_t item_end_time(const pl_item *item);
 // Whole seconds of the next newer item, 0 when there is none.
 long next_item_sec(const pl_item *item);
+// Adds an item to a span.
+void span_item(text_span *span, const pl_item *item);
+// The latest end of an event that ends with this item, or before the next one does; Unix seconds.
+time_t event_reach(const pl_item *item);
 // Whether an event that ends at `end_time` ends with this item, or before the next one does.
 bool ends_event(const pl_item *item, time_t end_time);

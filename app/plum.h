@@ -128,6 +128,8 @@ struct longest_item {
     size_t count;
 };
 
+struct pl_stretches;
+
 struct pl_source {
     n32_tag tag; // PL_SRC
     char nametag[MAX_SRC_NAME];
@@ -152,7 +154,8 @@ struct pl_source {
     bool has_timer; // registered with the time-out registry
     bool is_hashed; // found by its name
     size_t tail_len;
-    uint32_t breaks; // discontinuity markers that were ever put into `items`
+    uint32_t breaks;         // discontinuity markers that were ever put into `items`
+    pl_stretches *stretches; // owned by pl_stretch: kept compressed text; null = none
 };
 static_assert(std::is_trivially_copyable_v<pl_source>);
 

@@ -1,10 +1,13 @@
 """Real MPEG-TS segments made by ffmpeg; the playlists are read back and decoded."""
+import functools
 import gzip
+import http.server
 import json
 import os
 import re
 import shutil
 import subprocess
+import threading
 
 import pytest
 
@@ -69,6 +72,34 @@ def test_playlists_are_read_and_decoded(lumo, media):
     assert int(frames.split()[0].strip(",")) == FPS * SEC * SEGMENTS
     event = plain(d.ask(f"T1 EVE chan {segs[1].start} {2 * SEC}"))
     assert abs(float(probe(event)["format"]["duration"]) - 2 * SEC) < 0.5
+
+def test_long_playlists_are_read_by_all(lumo, media):
+    """One gzip member, put together of several compressed parts."""
+    d = lumo()
+    src = d.source(params=f"max_sec=100000 data_dir={d.data}")
+    for n in range(700):
+        os.symlink(media[0][0], os.path.join(d.data, f"chan/v{n}.ts"))
+        src.put(Segment(f"chan/v{n}.ts", src.next_start + n * SEC, SEC, media[0][0]), wait=n == 699)
+    path = d.ask("T1 VOD chan").path
+    with gzip.open(path, "rt") as packed:
+        text = packed.read()
+    assert re.findall(r"^.*chan/(v\d+)\.ts$", text, re.M) == [f"v{n}" for n in range(700)]
+    assert run("gzip", "-t", path) == "" and run("gzip", "-dc", path) == text
+
+    class Packed(http.server.SimpleHTTPRequestHandler):
+        def end_headers(self):
+            if self.path.endswith(".m3u8"):
+                self.send_header("Content-Encoding", "gzip")
+            super().end_headers()
+
+        def log_message(self, *_):
+            pass
+    with http.server.ThreadingHTTPServer(("127.0.0.1", 0), functools.partial(Packed, directory=d.data)) as server:
+        threading.Thread(target=server.serve_forever, daemon=True).start()
+        url = f"http://127.0.0.1:{server.server_port}/{os.path.basename(path)}"
+        assert run("curl", "-sS", "--compressed", url) == text
+        assert abs(float(probe(url)["format"]["duration"]) - 700 * SEC) < 0.5
+        server.shutdown()
 
 def test_two_periods_are_decoded(lumo, media):
     """Time stamps start anew behind a discontinuity."""
