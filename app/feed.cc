@@ -31,11 +31,13 @@ static int process_line(pl_source *src, std::string_view line, int line_no) {
     std::string_view rest;
     line_scan scan{.rest = line};
     line_verdict verdict = scan_item(&scan, &data, &rest);
-    if (verdict != LINE_OK) {
+    if (verdict == LINE_INVALID) {
         LOG(LL_ERROR, "%s: invalid input, [%.*s] n=%d\n", "read_source", static_cast<int>(line.size()),
             line.data(), scan.count);
         return 0;
     }
+    if (verdict == LINE_REFUSED)
+        return 0;
     LOG(LL_DEBUG, "%s: %d fields scanned, rest=%.*s\n", "read_source", scan.count,
         static_cast<int>(rest.size()), rest.data());
     if (src->master)

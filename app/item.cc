@@ -51,8 +51,9 @@ line_verdict scan_item(line_scan *scan, item_data *data, std::string_view *rest)
     if (has_dotdot(path))
         return refuse_path(path, "it leaves the data directory");
     copy_cut(data->path, sizeof(data->path), path);
-    if (!std::isfinite(data->duration)) {
-        LOG_FN(LL_ERROR, "duration refused, not a finite number: %f [%s]\n", data->duration, data->path);
+    if (!std::isfinite(data->duration) || data->duration < 0) {
+        LOG_FN(LL_ERROR, "duration refused, not a finite number from 0 on: %f [%s]\n", data->duration,
+               data->path);
         return LINE_REFUSED;
     }
     return LINE_OK;

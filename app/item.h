@@ -8,7 +8,7 @@
 enum line_verdict : int { LINE_OK, LINE_INVALID, LINE_REFUSED };
 // Scans "KEYWORD PATH START DURATION SIZE ID PTS [REST]" into `data`. LINE_INVALID without a keyword
 // "SEGMENT:", without a path, or with a zero byte; LINE_REFUSED (logged) for a path that does not fit or
-// leaves the data directory, or a duration that is not finite.
+// leaves the data directory, or a duration that is negative or not finite.
 line_verdict scan_item(line_scan *scan, item_data *data, std::string_view *rest);
 
 // Turns a parsed line into an item of the source and moves its tasks. 0 (also for a line that is skipped),

@@ -15,6 +15,7 @@ LOG_UNIT(LOG_MOD_APP);
 
 static constexpr size_t MAX_LINE = 255; // with the terminating zero
 static constexpr int ENTRY_STALE = -7;
+static constexpr int ENTRY_UNUSABLE = -2;
 static constexpr int ENTRY_STOPS = -1;
 
 int mk_manifest_path(const src_params *params, const char *nametag, char *buf, size_t size) {
@@ -22,7 +23,8 @@ int mk_manifest_path(const src_params *params, const char *nametag, char *buf, s
 }
 
 bool is_stale_mitem(const src_params *params, const char *path, long start_tm) {
-    if (params->max_mitem_age == -1)
+    // A marker is as old as the segments it parts.
+    if (params->max_mitem_age == -1 || strcmp(path, DISCONTINUITY) == 0)
         return false;
     long limit = params->max_mitem_age == 0 ? static_cast<long>(params->max_plbk_sec) : params->max_mitem_age;
     long delta = 0;
@@ -77,7 +79,8 @@ int add_manifest_entry(pl_source *src, std::string_view line, size_t line_no) {
     int rc = add_seg(src, &data);
     if (rc == 0)
         src->last_item_tm = idle_clock();
-    return rc;
+    // A file that is gone or half written is what a crash leaves, and no reason to lose those behind it.
+    return rc == ENTRY_STOPS ? ENTRY_UNUSABLE : rc;
 }
 
 // The next line without its end; what does not fit is dropped up to the line's end. False at the end.

@@ -13,6 +13,7 @@ TEST_F(Manifest, Import) {
     };
     write_file(dir + "/a.ts", "12345");
     write_file(dir + "/b.ts", "12345");
+    write_file(dir + "/half.ts", "12");
     const struct {
         const char *what;
         std::string text;
@@ -32,7 +33,11 @@ TEST_F(Manifest, Import) {
          line("a.ts" + std::string(200, ' '), 50) + "9: SEGMENT: b.ts " + std::to_string(now) +
              " 1 5 1 900 " + std::string(300, '1') + "\n" + line("c.ts", 9),
          false, "a.ts b.ts c.ts - "},
-        {"a missing file is skipped", line("none.ts", 50) + line("b.ts", 40), true, "b.ts - "},
+        {"markers do not age", line("a.ts", 50) + "8: SEGMENT: DISCONTINUITY\n" + line("b.ts", 40), false,
+         "a.ts - b.ts - "},
+        {"missing and half files are skipped",
+         line("none.ts", 60) + line("a.ts", 50) + line("half.ts", 45) + line("b.ts", 40), true,
+         "a.ts b.ts - "},
     };
     for (const auto &one : cases) {
         SCOPED_TRACE(one.what);

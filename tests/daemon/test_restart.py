@@ -42,8 +42,13 @@ def test_a_pipe_is_no_manifest(lumo):
     assert d.ask("T1 LIV chan").playlist.names == names(segs)
 
 def test_import_after_a_crash(crashed):
+    """A file that is gone and one that is half written cost themselves, not what stands behind them."""
     d, src, segs = crashed
-    again = come_back(d, src, entries(segs), 4)
+    segs += [src.segment(10.0), src.segment(10.0)]
+    content = entries(segs)
+    os.remove(segs.pop(1).full)
+    os.truncate(segs.pop(3).full, 10)
+    again = come_back(d, src, content, 4)
     vod = d.ask("T1 VOD chan").playlist
     assert vod.names == names(segs) + ["DIS"]
     late = again.feed(2, dur=10.0)
