@@ -357,6 +357,7 @@ static int settle() {
 
 static int runtime_setup() {
     meta_app_tag();
+    sigflag_shut_out(nullptr);
     int rc = install_handlers();
     if (rc != 0)
         return rc;

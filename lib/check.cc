@@ -1,9 +1,10 @@
 #include "lib/check.h"
 
 #include <cassert>
+#include <utility>
 
 [[noreturn]] void check_failed(const char *expr, const char *file, unsigned line, const char *func) {
-    if (g_check_reporter)
-        g_check_reporter();
+    if (const check_reporter report = std::exchange(g_check_reporter, nullptr))
+        report();
     __assert_fail(expr, file, line, func);
 }

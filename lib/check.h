@@ -7,8 +7,9 @@
 using check_reporter = void (*)();
 inline check_reporter g_check_reporter = nullptr;
 
-// Reports through `g_check_reporter`, then stops the process with the platform's assertion failure that
-// names the expression, the source unit, the line and the function.
+// Reports through `g_check_reporter`, once (a check that fails while the report is written goes without),
+// then stops the process with the platform's assertion failure that names the expression, the source unit,
+// the line and the function.
 [[noreturn]] void check_failed(const char *expr, const char *file, unsigned line, const char *func);
 
 #define CHECK(expr)                                                                                          \

@@ -4,12 +4,12 @@
 #include "lib/sigflag.h"
 
 #include <cerrno>
-#include <climits>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <execinfo.h>
+#include <fcntl.h>
 #include <string_view>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -24,15 +24,10 @@ static struct {
     bool is_ready;
 } g_logmod;
 
-// One buffer for the main flow and one for signal handlers, whose record may interrupt another.
-static struct logbuf {
+static struct {
     char text[LOG_BUF_SIZE];
     size_t len;
-} g_logbuf[2];
-
-static logbuf &buf() {
-    return g_logbuf[g_sigctx ? 1 : 0];
-}
+} g_buf;
 
 // --- initialising ---
 
@@ -60,21 +55,20 @@ const char *glog_app_tag() {
 // --- the steps of one record ---
 
 void logbuf_reset() {
-    buf().len = 0;
-    buf().text[0] = '\0';
+    g_buf.len = 0;
+    g_buf.text[0] = '\0';
 }
 
 bool logbuf_empty() {
-    return buf().len == 0;
+    return g_buf.len == 0;
 }
 
 static bool append(std::string_view text) {
-    logbuf &b = buf();
-    if (text.size() >= sizeof(b.text) - b.len)
+    if (text.size() >= sizeof(g_buf.text) - g_buf.len)
         return false;
-    memcpy(b.text + b.len, text.data(), text.size());
-    b.len += text.size();
-    b.text[b.len] = '\0';
+    memcpy(g_buf.text + g_buf.len, text.data(), text.size());
+    g_buf.len += text.size();
+    g_buf.text[g_buf.len] = '\0';
     return true;
 }
 
@@ -91,12 +85,9 @@ static int stamp_time(const log_ctx *log) {
         fprintf(stderr, "%s: unsupported timer value: %u\n", "flags2clock", log->time_format & TF_CLOCK_MASK);
         return -1;
     }
-    logbuf &b = buf();
-    int n = mk_timestr(now, log->time_format, b.text + b.len, sizeof(b.text) - b.len);
+    int n = mk_timestr(now, log->time_format, g_buf.text + g_buf.len, sizeof(g_buf.text) - g_buf.len);
     if (n > 0)
-        b.len += static_cast<size_t>(n);
-    if (n == TIMESTR_BUSY)
-        return 0; // a signal's record, in the middle of another's time stamp, goes without
+        g_buf.len += static_cast<size_t>(n);
     if (n <= 0 || !append(" ")) {
         fprintf(stderr, "%s: time buffer error (n=%d)\n", "logbuf_prepare", n);
         return -1;
@@ -137,18 +128,17 @@ static int stamp(const log_ctx *log, int level) {
 static int vprepare(const log_ctx *log, int level, const char *format, va_list args) {
     if (stamp(log, level) != 0)
         return -1;
-    logbuf &b = buf();
-    size_t room = sizeof(b.text) - b.len;
-    int n = vsnprintf(b.text + b.len, room, format, args);
+    size_t room = sizeof(g_buf.text) - g_buf.len;
+    int n = vsnprintf(g_buf.text + g_buf.len, room, format, args);
     if (n > 0 && static_cast<size_t>(n) < room) {
-        b.len += static_cast<size_t>(n);
+        g_buf.len += static_cast<size_t>(n);
         return 0;
     }
     perror("fprintf/vfprintf");
     if (n > 0) {
         // What is cut still ends its line, so that the next record starts one.
-        b.len = sizeof(b.text) - 1;
-        b.text[b.len - 1] = '\n';
+        g_buf.len = sizeof(g_buf.text) - 1;
+        g_buf.text[g_buf.len - 1] = '\n';
     }
     return -1;
 }
@@ -162,49 +152,49 @@ int logbuf_prepare(const log_ctx *log, int level, const char *format, ...) {
 }
 
 void log_lard(log_ctx *log, int level) {
-    if (!lard_enabled(*log) || logbuf_empty())
+    if (!lard_enabled(log) || logbuf_empty())
         return;
-    lard_write(log->lh, buf().text, buf().len);
+    lard_write(log->lh, g_buf.text, g_buf.len);
     if (level < 0)
         lard_set_temp(log->lh, -level);
 }
 
-void log_record(log_ctx &log, int level, const loglevel_ctx &unit, const char *format, ...) {
+void log_record(log_ctx *log, int level, const loglevel_ctx &unit, const char *format, ...) {
     int saved_errno = errno;
     va_list args;
     logbuf_reset();
     if (lard_enabled(log)) {
         va_start(args, format);
-        vprepare(&log, level, format, args);
+        vprepare(log, level, format, args);
         va_end(args);
-        log_lard(&log, level);
+        log_lard(log, level);
     }
     if (log_passes(level, unit)) {
         if (logbuf_empty()) {
             va_start(args, format);
-            vprepare(&log, level, format, args);
+            vprepare(log, level, format, args);
             va_end(args);
         }
-        log_flush(&log, level);
+        log_flush(log, level);
     }
     errno = saved_errno;
 }
 
 void log_flush(log_ctx *log, int level) {
-    const logbuf &b = buf();
-    if (b.len == 0)
+    if (logbuf_empty())
         return;
-    if (!log->fp && (g_sigctx || !log_reopen_lost(log)))
-        return;
-    fwrite(b.text, 1, b.len, log->fp);
-    log->total_out += b.len;
-    if (log->mirror_fp && fileno(log->mirror_fp) != fileno(log->fp))
-        fwrite(b.text, 1, b.len, log->mirror_fp);
+    const bool has_file = log->fp || (!g_sigctx && log_reopen_lost(log));
+    if (has_file) {
+        fwrite(g_buf.text, 1, g_buf.len, log->fp);
+        log->total_out += g_buf.len;
+    }
+    if (log->mirror_fp && !(has_file && fileno(log->mirror_fp) == fileno(log->fp)))
+        fwrite(g_buf.text, 1, g_buf.len, log->mirror_fp);
     if (g_sigctx)
         return;
     if (level < 0 && log->syslg.enabled)
-        syslog(get_syslog_pri(level) | log->syslg.facility, "%s", b.text);
-    if (!log_is_standard(log->fp))
+        syslog(get_syslog_pri(level) | log->syslg.facility, "%s", g_buf.text);
+    if (has_file && !log_is_standard(log->fp))
         log_rotate_if_due(log);
 }
 
@@ -243,8 +233,27 @@ int move_if_present(const char *path) {
     return rc;
 }
 
+// A command keeps the signal mask that it is started with: it gets the signals that are shut out here.
+static FILE *open_pipe(const char *command) {
+    const sigset_t shut_out = sigflag_set();
+    sigset_t before;
+    sigprocmask(SIG_UNBLOCK, &shut_out, &before);
+    FILE *fp = popen(command, "w");
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+    return fp;
+}
+
+// A daemon's file mask leaves it to each file to keep others from writing.
+static FILE *open_file(const char *path) {
+    int fd = open(path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    FILE *fp = fd >= 0 ? fdopen(fd, "a+") : nullptr;
+    if (fd >= 0 && !fp)
+        close(fd);
+    return fp;
+}
+
 static FILE *open_stream(const log_ctx *log, const char *path) {
-    FILE *fp = log->is_pipe ? popen(path, "w") : fopen(path, "a+");
+    FILE *fp = log->is_pipe ? open_pipe(path) : open_file(path);
     if (!fp) {
         int err = errno;
         fprintf(stderr, "%s: uid/gig=%ld/%ld %s(%s) ERROR(%d): %s\n", "do_open", static_cast<long>(geteuid()),
@@ -267,6 +276,7 @@ int do_open(log_ctx *log, const char *path) {
         if (!fp)
             return -1;
         log->fp = fp;
+        log->is_lost = false;
         if (path != log->name)
             snprintf(log->name, sizeof(log->name), "%s", path);
     } else {
@@ -296,11 +306,10 @@ int log_popen(log_ctx *log, const char *command) {
 }
 
 bool log_reopen_lost(log_ctx *log) {
-    static time_t last_try;
     time_t now = time(nullptr);
-    if (log->name[0] == '\0' || log->is_pipe || now == last_try)
+    if (!log->is_lost || now == log->retry_tm)
         return false;
-    last_try = now;
+    log->retry_tm = now;
     return do_open(log, log->name) == 0;
 }
 
@@ -383,6 +392,7 @@ int log_rotate(log_ctx *log) {
         return -1;
     FILE *fp = log->fp;
     log->fp = nullptr;
+    log->is_lost = true;
     if (fp && fclose(fp) != 0) {
         fprintf(stderr, "%s: failed to close [%s], ERROR(%d): %s\n", __func__, log->name, errno,
                 strerror(errno));
@@ -429,12 +439,13 @@ void log_rotate_if_due(log_ctx *log) {
 
 void log_close(log_ctx *log) {
     FILE *fp = log->fp;
+    log->is_lost = false;
     if (!fp || log_is_standard(fp))
         return;
     log->fp = nullptr;
     int rc = log->is_pipe ? pclose(fp) : fclose(fp);
-    bool is_reaped = log->is_pipe && rc == -1 && errno == ECHILD;
-    if (rc != 0 && !is_reaped)
+    bool is_reaped = log->is_pipe && errno == ECHILD;
+    if (rc == -1 && !is_reaped)
         fprintf(stderr, "%s: %s error(%d) for the application log: %s\n", __func__,
                 log->is_pipe ? "pclose" : "fclose", errno, strerror(errno));
     if (log->syslg.enabled)

@@ -3,8 +3,9 @@
 // A record is formatted into one shared line buffer, filtered by the level of the reporting unit's module,
 // and written to the log's stream; it may also go to a mirror stream, to syslog (negative levels) and to the
 // shared-memory ring, which gets every record whatever the filter says. The filter is asked before anything
-// is formatted. The log's own failures go to standard error. Single-threaded; errno survives every call
-// that writes a record.
+// is formatted. The log's own failures go to standard error. Single-threaded, and one buffer for all: a
+// signal handler may only log where it cannot interrupt a record (see lib/sigflag.h). errno survives every
+// call that writes a record.
 #pragma once
 
 #include "lib/lard.h"
@@ -71,6 +72,8 @@ struct log_ctx {
     n64_tag group; // printed in each record; 0 = none
     lard_t lh;     // log ring, owned once attached; null = none
     syslog_cfg syslg;
+    bool is_lost;    // a rotation could not reopen the file; records go to the other places until it is back
+    time_t retry_tm; // when reopening a lost file was last tried
 };
 
 inline constinit log_ctx g_log{};        // the application log
@@ -94,8 +97,8 @@ extern signed char g_sec_ll[LOG_MODULES];
         .mod = (module)                                                                                      \
     }
 
-inline bool lard_enabled(const log_ctx &log) {
-    return log.lh != nullptr;
+inline bool lard_enabled(const log_ctx *log) {
+    return log->lh != nullptr;
 }
 
 // Whether a record of this level gets past the unit's filter.
@@ -105,18 +108,18 @@ inline bool log_passes(int level, const loglevel_ctx &unit) {
 
 // Whether formatting a record of this level is of any use.
 inline bool log_wanted(const log_ctx &log, int level, const loglevel_ctx &unit) {
-    return log_passes(level, unit) || lard_enabled(log);
+    return log_passes(level, unit) || lard_enabled(&log);
 }
 
 // Writes one record: to the ring when one is attached, to the stream when the filter lets it pass. Called
 // through the macros below, which spare the call and its arguments when nobody wants the record.
-void log_record(log_ctx &log, int level, const loglevel_ctx &unit, const char *format, ...)
+void log_record(log_ctx *log, int level, const loglevel_ctx &unit, const char *format, ...)
     __attribute__((format(printf, 4, 5)));
 
 #define LOG_TO(log, level, ...)                                                                              \
     do {                                                                                                     \
         if (log_wanted((log), (level), g_llctx))                                                             \
-            log_record((log), (level), g_llctx, __VA_ARGS__);                                                \
+            log_record(&(log), (level), g_llctx, __VA_ARGS__);                                               \
     } while (0)
 
 // A record of the application log, the format as it stands.
@@ -131,8 +134,9 @@ void log_record(log_ctx &log, int level, const loglevel_ctx &unit, const char *f
 void glog_init(const char *app_tag);
 const char *glog_app_tag();
 
-// Opens a log file (null path: standard error); an existing non-empty file is first moved aside to
-// "PATH.MTIME" (the next free second) unless `flags` has LOG_OPEN_APPEND. 0 or -1, printed on standard error.
+// Opens a log file, made with permissions 0644 (null path: standard error); an existing non-empty file is
+// first moved aside to "PATH.MTIME" (the next free second) unless `flags` has LOG_OPEN_APPEND. 0 or -1,
+// printed on standard error.
 int log_open_ex(log_ctx *log, const char *path, unsigned flags);
 // Opens a pipe to a command. 0 or -1.
 int log_popen(log_ctx *log, const char *command);
@@ -162,7 +166,7 @@ time_t log_rota_eod(const log_ctx *log);
 int log_rotate(log_ctx *log);
 // Rotates when the size or the end of the day asks for it.
 void log_rotate_if_due(log_ctx *log);
-// Opens a log file anew whose reopening failed, at most once a second. True when there is a stream.
+// Opens a lost log file anew, at most once a second. True when there is a stream.
 bool log_reopen_lost(log_ctx *log);
 
 void log_timefmt(log_ctx *log, uint32_t flags);
@@ -185,7 +189,8 @@ void disable_syslog(log_ctx *log);
 void glog_enable_syslog(const char *ident);
 void glog_disable_syslog();
 
-// Closes the stream unless it is a standard one, closes syslog, destroys an attached ring.
+// Closes the stream unless it is a standard one, closes syslog, destroys an attached ring. A closed log never
+// opens itself again. The exit status of a log command is its own business.
 void log_close(log_ctx *log);
 
 // --- levels by name ---

@@ -229,27 +229,27 @@ int rqs_rm_fd(int fd, int, int) {
 
 // --- no-poll records ---
 
-static int add_nopoll(int fd, uint32_t events, ssize_t *index, void *udata) {
+static int add_nopoll(const char *caller, int fd, uint32_t events, ssize_t *index, void *udata) {
     ssize_t slot = xvlst_add(&g_rqs.nopoll, sizeof(nopoll_ref), NOPOLL_BLOCK);
     if (slot < 0) {
-        LOG_FN(LL_ERROR, "cannot reserve memory for g_rqs.nopoll/rm\n");
+        LOG(LL_ERROR, "%s: cannot reserve memory for g_rqs.nopoll/rm\n", caller);
         log_abort();
     }
     *xvlst_at<nopoll_ref>(g_rqs.nopoll, static_cast<size_t>(slot)) = {
         .events = events, .fd = fd, .udata = udata, .index = index};
     *index = slot;
-    LOG(LL_DEBUG, "%s[%ld]: fd%d, events=0x%lx, udata=%p, total=%ld events.\n", __func__,
+    LOG(LL_DEBUG, "%s[%ld]: fd%d, events=0x%lx, udata=%p, total=%ld events.\n", caller,
         static_cast<long>(slot), fd, static_cast<unsigned long>(events), udata,
         static_cast<long>(g_rqs.nopoll.len));
     return 0;
 }
 
 int rqs_add_nopoll_reader(int fd, ssize_t *index, void *udata) {
-    return add_nopoll(fd, EPOLLIN, index, udata);
+    return add_nopoll(__func__, fd, EPOLLIN, index, udata);
 }
 
 int rqs_add_nopoll_writer(int fd, ssize_t *index, void *udata) {
-    return add_nopoll(fd, EPOLLOUT, index, udata);
+    return add_nopoll(__func__, fd, EPOLLOUT, index, udata);
 }
 
 static int release_nopoll(void *data, size_t i) {
@@ -440,19 +440,19 @@ int rqs_tmout_ms(const timespec &tmout) {
 }
 
 // Under a load that never lets the wait sleep, the kernel never lets a pending signal in either.
-static void let_signals_in(const sigset_t *outside) {
+static void let_signals_in(const sigset_t *waiting) {
     static timespec last;
     int64_t gap = (g_rqs.itime.tv_sec - last.tv_sec) * 1'000'000'000 + g_rqs.itime.tv_nsec - last.tv_nsec;
     if (gap < SIGNAL_GAP_NS)
         return;
     last = g_rqs.itime;
-    sigset_t inside;
-    sigprocmask(SIG_SETMASK, outside, &inside);
-    sigprocmask(SIG_SETMASK, &inside, nullptr);
+    sigset_t running;
+    sigprocmask(SIG_SETMASK, waiting, &running);
+    sigprocmask(SIG_SETMASK, &running, nullptr);
 }
 
-// 0, or the error number of a failed wait. `outside` is the signal mask in force while waiting.
-static int wait4events(const sigset_t *outside) {
+// 0, or the error number of a failed wait. `waiting` is the signal mask in force meanwhile.
+static int wait4events(const sigset_t *waiting) {
     if (xvec_reserve(&g_rqs.events, g_rqs.poll_fds > 0 ? g_rqs.poll_fds : 1, sizeof(epoll_event),
                      EVENT_BLOCK) != 0) {
         LOG_FN(LL_ERROR, "xvec_reserve failed\n");
@@ -468,7 +468,7 @@ static int wait4events(const sigset_t *outside) {
         ms = 0;
     LOG_FN(LL_DEBUG, "timeout=%f sec\n", ms < 0 ? -1.0 : ms / 1000.0);
     int room = g_rqs.events.max_len > INT_MAX / 16 ? INT_MAX / 16 : static_cast<int>(g_rqs.events.max_len);
-    int n = epoll_pwait(g_rqs.loopfd, xvec_at<epoll_event>(g_rqs.events, 0), room, ms, outside);
+    int n = epoll_pwait(g_rqs.loopfd, xvec_at<epoll_event>(g_rqs.events, 0), room, ms, waiting);
     int err = 0;
     if (n < 0) {
         err = errno;
@@ -485,7 +485,7 @@ static int wait4events(const sigset_t *outside) {
     }
     read_clock();
     if (n >= 0)
-        let_signals_in(outside);
+        let_signals_in(waiting);
     return err;
 }
 
@@ -532,7 +532,7 @@ static int post_process(int stage) {
 }
 
 // One pass; true when the loop goes on.
-static bool loop_pass(const sigset_t *outside, int *rc, int *failed) {
+static bool loop_pass(const sigset_t *waiting, int *rc, int *failed) {
     g_rqs.loop_stage = STAGE_WAIT;
     if (has_nothing_to_do()) {
         LOG(LL_CRIT, "%s: no fd's, no activity, quitting now.\n", "rqs_event_loop");
@@ -542,7 +542,7 @@ static bool loop_pass(const sigset_t *outside, int *rc, int *failed) {
     if (g_rqs.poll_fds > 0 || g_rqs.nopoll.len == 0) {
         if (g_config.cb.update_tmout)
             g_config.cb.update_tmout(&g_rqs.tmout);
-        *rc = wait4events(outside);
+        *rc = wait4events(waiting);
         if (*rc == EINTR && !g_quit)
             *rc = 0;
         if (*rc != 0 || g_quit)
@@ -551,7 +551,7 @@ static bool loop_pass(const sigset_t *outside, int *rc, int *failed) {
             g_config.cb.time_out();
     } else {
         read_clock();
-        let_signals_in(outside);
+        let_signals_in(waiting);
     }
     *rc = serve_nopoll();
     if (*rc != 0)
@@ -570,24 +570,27 @@ static bool loop_pass(const sigset_t *outside, int *rc, int *failed) {
         *rc = g_config.cb.on_idle();
     if (*rc == 0)
         *rc = post_process(STAGE_POST_IDLE);
+    purge_nopoll();
     return *rc == 0;
 }
 
 int rqs_event_loop() {
     CHECK(g_rqs.loopfd >= 0);
-    sigset_t shut_out = sigflag_set();
-    sigset_t outside;
-    sigprocmask(SIG_BLOCK, &shut_out, &outside);
+    sigset_t before;
+    sigflag_shut_out(&before);
+    sigset_t waiting = before;
+    for (int signo : SIGFLAG_SIGNALS)
+        sigdelset(&waiting, signo);
     if (g_config.cb.update_tmout)
         g_config.cb.update_tmout(&g_rqs.tmout);
     LOG(LL_INFO, "Entering event loop\n");
     int rc = 0;
     int failed = 0;
-    while (rc == 0 && !g_quit && loop_pass(&outside, &rc, &failed)) {
+    while (rc == 0 && !g_quit && loop_pass(&waiting, &rc, &failed)) {
     }
     if (rc == EINTR && g_quit)
         rc = 0;
     LOG(LL_INFO, "Exiting event loop, %d failed, rc=%d, quit=%d\n", failed, rc, static_cast<int>(g_quit));
-    sigprocmask(SIG_SETMASK, &outside, nullptr);
+    sigprocmask(SIG_SETMASK, &before, nullptr);
     return rc != 0 ? rc : failed;
 }

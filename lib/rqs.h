@@ -4,8 +4,8 @@
 //
 // It knows nothing of the application's records: the pointer registered with a descriptor is passed back
 // with each of its events. One pass of the loop: wait; no-poll records; received events; post-processing;
-// idle; post-processing. While the loop runs, the signals of sigflag_set are let in only by the wait, so a
-// handler never runs in the middle of a callback.
+// idle; post-processing. The signals of sigflag_set are let in only by the wait, so a handler never runs in
+// the middle of a callback.
 #pragma once
 
 #include "lib/gkh.h"

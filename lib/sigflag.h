@@ -3,7 +3,6 @@
 #pragma once
 
 #include <csignal>
-#include <initializer_list>
 
 inline volatile sig_atomic_t g_quit = 0;    // a quit signal came; never cleared
 inline volatile sig_atomic_t g_goodbye = 0; // ... and it was SIGTERM or SIGINT
@@ -19,13 +18,21 @@ inline bool sigflag_pending() {
     return g_quit || g_hup || g_usr1 || g_tdbg;
 }
 
-// The signals behind the flags. The event loop keeps them blocked except while it waits, so that a
-// handler never runs in the middle of a log record and no signal falls between a look at the flags and
-// the wait.
+// The signals behind the flags. They are shut out from before their handlers are installed until the process
+// ends, and let in by the event loop's wait alone: a handler never runs in the middle of a log record, and no
+// signal falls between a look at the flags and the wait.
+inline constexpr int SIGFLAG_SIGNALS[] = {SIGTERM, SIGINT, SIGQUIT, SIGHUP, SIGUSR1, SIGUSR2};
+
 inline sigset_t sigflag_set() {
     sigset_t set;
     sigemptyset(&set);
-    for (int signo : {SIGTERM, SIGINT, SIGQUIT, SIGHUP, SIGUSR1, SIGUSR2})
+    for (int signo : SIGFLAG_SIGNALS)
         sigaddset(&set, signo);
     return set;
+}
+
+// `before`, if given, gets the mask that was in force.
+inline void sigflag_shut_out(sigset_t *before) {
+    const sigset_t set = sigflag_set();
+    sigprocmask(SIG_BLOCK, &set, before);
 }

@@ -162,7 +162,7 @@ int get_core_count() {
 static int install(int signo, sig_handler handler) {
     struct sigaction action {};
     action.sa_handler = handler;
-    sigemptyset(&action.sa_mask);
+    action.sa_mask = sigflag_set(); // no handler's record interrupts another's
     return sigaction(signo, &action, nullptr);
 }
 
@@ -192,16 +192,14 @@ int ignore_sigpipe() {
 }
 
 // The span of a handler: the log keeps to what may be done there, and the interrupted code finds its errno.
-// One handler may interrupt another, so the mark goes back to what it was.
 struct handler_span {
-    const sig_atomic_t outer = g_sigctx;
     const int saved_errno = errno;
     handler_span() { g_sigctx = 1; }
     handler_span(const handler_span &) = delete;
     handler_span &operator=(const handler_span &) = delete;
     ~handler_span() {
         errno = saved_errno;
-        g_sigctx = outer;
+        g_sigctx = 0;
     }
 };
 

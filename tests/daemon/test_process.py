@@ -73,6 +73,7 @@ def test_daemon(make, user, signo):
         fds = fd_targets(pid)
         assert [fds[fd] for fd in range(3)] == ["/dev/null"] * 3
         assert sum(target == d.log for target in fds.values()) == 1
+        assert os.stat(d.log).st_mode & 0o777 == 0o644
         assert os.readlink(f"/proc/{pid}/cwd") == (d.dir if user else "/")
         with open(f"/proc/{pid}/stat") as stat:
             fields = stat.read().rsplit(")", 1)[1].split()
