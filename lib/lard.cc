@@ -20,6 +20,8 @@
 
 static constexpr ssize_t NOTHING_WRITTEN = -7;
 static constexpr size_t LINE_SIZE = 2048; // holds nearly every formatted record
+static constexpr int OPEN_TRIES = 20;     // of a reader, while an owner starts anew
+static constexpr timespec OPEN_PAUSE = {0, 1'000'000};
 static constexpr int TEMP_MAX = INT_MAX / static_cast<int>(LARD_TEMP_SLOTS);
 
 static_assert(std::is_trivially_copyable_v<lard_meta> && std::is_standard_layout_v<lard_meta>);
@@ -235,6 +237,18 @@ static bool open_meta(lard_ctx *ring) {
     return map_meta(ring, PROT_READ);
 }
 
+// Whether the name still leads to the object that was opened: an owner that starts anew replaces both
+// objects, the meta object first.
+static bool is_current(const lard_ctx *ring) {
+    struct stat opened, named;
+    int fd = shm_open(object_of(ring, "meta").text, O_RDONLY | O_NONBLOCK, 0);
+    bool is_same = fd >= 0 && fstat(fd, &named) == 0 && fstat(ring->mfd, &opened) == 0 &&
+                   named.st_ino == opened.st_ino && named.st_dev == opened.st_dev;
+    if (fd >= 0)
+        close(fd);
+    return is_same;
+}
+
 static bool open_data(lard_ctx *ring, size_t npages) {
     size_t size;
     object_name object = object_of(ring, "dat");
@@ -277,19 +291,39 @@ lard_t lard_create(const char *name, size_t npages) {
     return ring;
 }
 
-lard_t lard_open(const char *name) {
-    if (!name_allowed(name ? name : ""))
-        return nullptr;
+// One try to open both objects; `is_restarting` tells that they may be those of two owners, or the second not
+// there yet.
+static lard_t open_both(const char *name, bool *is_restarting) {
     lard_ctx *ring = new_handle(name, true);
+    *is_restarting = false;
     if (!ring)
         return nullptr;
     if (open_meta(ring)) {
         size_t npages = __atomic_load_n(&ring->meta->seg_pages, __ATOMIC_ACQUIRE);
-        if (pages_allowed(name, npages) && open_data(ring, npages))
+        bool is_open = npages > 0 && pages_allowed(name, npages) && open_data(ring, npages);
+        *is_restarting = npages == 0 || !is_current(ring);
+        if (is_open && !*is_restarting)
             return ring;
     }
     abandon(ring);
     return nullptr;
+}
+
+lard_t lard_open(const char *name) {
+    if (!name_allowed(name ? name : ""))
+        return nullptr;
+    bool is_restarting = true;
+    lard_t ring = nullptr;
+    for (int i = 0; is_restarting && i < OPEN_TRIES; ++i) {
+        if (i > 0)
+            nanosleep(&OPEN_PAUSE, nullptr);
+        ring = open_both(name, &is_restarting);
+    }
+    if (is_restarting) {
+        errno = EAGAIN;
+        complain("%s: ring [%s] is not complete\n", __func__, name);
+    }
+    return ring;
 }
 
 static void unmap(void *at, size_t len, const char *what) {
@@ -354,13 +388,20 @@ static void note_append(lard_ctx *ring, size_t n) {
     set_temp(&meta->sns, 0);
 }
 
+// Marks the end of what is about to be overwritten: a reader that meets half a record, also one whose writer
+// was killed, finds the zero byte behind it.
+static char *begin_write(const lard_ctx *ring, size_t len) {
+    char *place = write_place(ring);
+    __atomic_store_n(&place[len], '\0', __ATOMIC_RELAXED);
+    __atomic_thread_fence(__ATOMIC_RELEASE);
+    return place;
+}
+
 ssize_t lard_write(lard_t ring, const char *text, size_t len) {
     if (len == 0 || ring->dbuf.is_reader)
         return NOTHING_WRITTEN;
     len = std::min(len, ring->buflen - 1);
-    char *place = write_place(ring);
-    memcpy(place, text, len);
-    place[len] = '\0';
+    memcpy(begin_write(ring, len), text, len);
     note_append(ring, len);
     return static_cast<ssize_t>(len);
 }
@@ -381,7 +422,7 @@ ssize_t lard_printf(lard_t ring, const char *format, ...) {
     if (len < sizeof(line)) {
         result = lard_write(ring, line, len);
     } else if (len < ring->buflen && !ring->dbuf.is_reader) {
-        vsnprintf(write_place(ring), ring->buflen, format, again);
+        vsnprintf(begin_write(ring, len), ring->buflen, format, again);
         note_append(ring, len);
         result = n;
     }

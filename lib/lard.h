@@ -34,7 +34,7 @@ using lard_t = lard_ctx *;
 // it fails, with everything undone and the failure printed on standard error.
 lard_t lard_create(const char *name, size_t npages);
 // A reader's constructor: maps both objects read-only; null (printed on standard error) when they are
-// missing or not those of a ring.
+// missing or not those of a ring. Objects that an owner is replacing meanwhile are opened again.
 lard_t lard_open(const char *name);
 
 // Appends `text`; returns the bytes appended, or -7 when nothing could be written.
@@ -62,8 +62,9 @@ const lard_meta *lard_get_meta(lard_t ring);
 const char *lard_get_data(lard_t ring, size_t *len);
 
 // What is kept at this moment, checked against the buffer's length whatever the shared record says: `len`
-// bytes from offset `start`. When `len` is the buffer's length the ring has wrapped, and the terminating zero
-// of the newest record may stand in place of the oldest byte.
+// bytes from offset `start`. When `len` is the buffer's length the ring has wrapped. The writer stores the
+// zero byte that ends a record before the record's text: whatever stands before the last zero byte of a copy
+// taken in ascending order, and the rest of the line behind it, may be half a record.
 struct lard_span {
     size_t start;
     size_t len;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -14,7 +15,7 @@
 
 static constexpr size_t TAIL_MAX = 256; // bytes compared to notice that the writer came round
 static constexpr size_t TAIL_MIN = 16;
-static constexpr int COPY_TRIES = 16;
+static constexpr int COPY_TRIES = 64;
 static constexpr long NAP_MIN = 1'000'000; // nanoseconds between two looks while records arrive
 static constexpr long NAP_MAX = 64'000'000;
 
@@ -45,9 +46,22 @@ static size_t ring_size(lard_t ring) {
     return size;
 }
 
+// In ascending order, a word at a time: whoever copied a byte of a record that is being written has the zero
+// byte that the writer stored behind it before.
 static std::string copy_bytes(lard_t ring, size_t start, size_t len) {
     size_t size;
-    return std::string(lard_get_data(ring, &size) + start, len);
+    const char *from = lard_get_data(ring, &size) + start;
+    std::string text(len, '\0');
+    size_t i = 0;
+    for (; i < len && (start + i) % sizeof(uint64_t) != 0; ++i)
+        text[i] = __atomic_load_n(from + i, __ATOMIC_ACQUIRE);
+    for (; i + sizeof(uint64_t) <= len; i += sizeof(uint64_t)) {
+        uint64_t word = __atomic_load_n(reinterpret_cast<const uint64_t *>(from + i), __ATOMIC_ACQUIRE);
+        memcpy(&text[i], &word, sizeof(word));
+    }
+    for (; i < len; ++i)
+        text[i] = __atomic_load_n(from + i, __ATOMIC_ACQUIRE);
+    return text;
 }
 
 static size_t end_of(const lard_span &span, size_t size) {
@@ -58,15 +72,14 @@ static std::string tail_of(const std::string &text) {
     return text.substr(text.size() - std::min(text.size(), TAIL_MAX));
 }
 
-// A zero byte behind a line end closes a record whose bytes are not counted yet; the rest of the record that
-// it runs into is a partial one again.
-static void drop_partial_line(std::string *text) {
-    size_t at = 0;
-    do {
-        size_t line_end = text->find('\n', at);
-        at = line_end == std::string::npos ? text->size() : line_end + 1;
-    } while (at < text->size() && (*text)[at] == '\0');
-    text->erase(0, at);
+// The last zero byte ends what was being written over the oldest records; what stands behind it is the rest
+// of one of them.
+static void drop_torn_lines(std::string *text, bool has_wrapped) {
+    size_t zero = text->rfind('\0');
+    if (zero == std::string::npos && !has_wrapped)
+        return;
+    size_t line_end = text->find('\n', zero == std::string::npos ? 0 : zero);
+    text->erase(0, line_end == std::string::npos ? text->size() : line_end + 1);
 }
 
 // Offsets alone do not tell how often the writer went round since the last look, but as long as the bytes
@@ -81,29 +94,39 @@ static bool is_lapped(lard_t ring, const cursor &cur, size_t size) {
     return len < TAIL_MIN || copy_bytes(ring, size + cur.end - len, len) != tail.substr(tail.size() - len);
 }
 
-// Prints all whole lines that are held and sets the cursor behind them. A copy that the writer went round
-// during is a mixture, known by its tail, which is read first; it is taken again. What was overwritten of a
-// good one is its beginning.
-static bool print_held(lard_t ring, cursor *cur) {
-    size_t size = ring_size(ring);
-    lard_span held, now;
-    std::string text;
-    int tries = COPY_TRIES;
-    do {
-        held = lard_kept(ring);
-        size_t tail = std::min(held.len, TAIL_MAX);
-        *cur = {end_of(held, size), copy_bytes(ring, held.start + held.len - tail, tail)};
-        text = copy_bytes(ring, held.start, held.len);
-        now = lard_kept(ring);
-    } while (is_lapped(ring, *cur, size) && --tries > 0);
+static bool is_same(const lard_span &a, const lard_span &b) {
+    return a.start == b.start && a.len == b.len;
+}
 
-    bool has_wrapped = now.len == size || held.start > 0;
-    if (has_wrapped) {
-        size_t overwritten = (now.start + size - held.start) % size;
-        text.erase(0, std::min(overwritten, text.size()));
-        drop_partial_line(&text);
-    }
-    return put_text(text);
+// Copies what is held and sets the cursor behind it; false when the writer went round meanwhile, which makes
+// the copy a mixture. The tail tells, provided that the writer stood still while it was copied.
+static bool copy_held(lard_t ring, cursor *cur, std::string *text) {
+    size_t size = ring_size(ring);
+    lard_span held = lard_kept(ring);
+    size_t tail = std::min(held.len, TAIL_MAX);
+    *cur = {end_of(held, size), copy_bytes(ring, held.start + held.len - tail, tail)};
+    if (!is_same(held, lard_kept(ring)))
+        return false;
+    *text = copy_bytes(ring, held.start, held.len);
+    lard_span now = lard_kept(ring);
+    if (is_lapped(ring, *cur, size))
+        return false;
+    // What was overwritten meanwhile is the beginning.
+    size_t overwritten = (now.start + size - held.start) % size;
+    text->erase(0, std::min(overwritten, text->size()));
+    drop_torn_lines(text, now.len == size || now.start > 0);
+    return true;
+}
+
+// Prints all whole lines that are held.
+static bool print_held(lard_t ring, cursor *cur) {
+    std::string text;
+    for (int tries = COPY_TRIES; tries > 0; --tries)
+        if (copy_held(ring, cur, &text))
+            return put_text(text);
+    fprintf(stderr, "lumo-ring: the writer was faster in %d tries, what it holds is not printed\n",
+            COPY_TRIES);
+    return true;
 }
 
 // Prints what arrived behind the cursor. The look for a lap comes after the copy, so that it covers the copy.

@@ -2,6 +2,7 @@
 import glob
 import os
 import re
+import struct
 import subprocess
 
 import pytest
@@ -60,6 +61,23 @@ def test_printing_and_status(make):
     state = status()
     assert (state["alive"], state["closed"]) == ("no", "yes")
     assert "EXIT(0)" in ring(NAME).stdout.splitlines()[-1]
+
+def test_half_written_record(lumo):
+    d = lumo(log={"ring": NAME, "ring_pages": 4})
+    while int(status()["kept"]) < int(status()["size"]):
+        d.is_answering()
+    d.kill()
+    whole = ring(NAME).stdout.splitlines()
+    # As a killed writer leaves it: the end marked, the text only begun.
+    with open(f"/dev/shm/{NAME}.meta", "rb") as meta:
+        start = struct.unpack_from("N", meta.read(), 8)[0]
+    size = os.path.getsize(f"/dev/shm/{NAME}.dat")
+    with open(f"/dev/shm/{NAME}.dat", "r+b") as dat:
+        for offset, data in ((200, b"\0"), (0, b"torn\nto")):
+            dat.seek((start + offset) % size)
+            dat.write(data)
+    lines = ring(NAME).stdout.splitlines()
+    assert len(lines) > 5 and set(lines) < set(whole)
 
 def test_follow_until_the_owner_closes(lumo):
     d = lumo(log={"ring": NAME})
