@@ -464,5 +464,5 @@ void source_error(pl_source *src, bool is_hup) {
 }
 
 [[noreturn]] void listener_error(rui_socket_ctx *srv, bool is_hup) {
-    rui_crash_on_error(srv, is_hup);
+    rui_crash_on_error(srv, is_hup, __func__);
 }

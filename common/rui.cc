@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <initializer_list>
 #include <unistd.h>
 
 LOG_UNIT(LOG_MOD_APP);
@@ -57,19 +58,15 @@ void rui_set_cb(int type, const rui_socket_cb &cb) {
 
 static int setup_slot(const rui_socket_cb *cb, rui_listener_cfg *lc, rui_socket_ctx *srv) {
     CHECK(cb->new_rq && cb->rm_rq);
-    *srv = {};
-    srv->sockfd = -1;
-    int err = 0;
+    int err = xvlst_reserve(&srv->pprm, PPRM_BLOCK, sizeof(rui_rq_header *), PPRM_BLOCK);
+    if (err != 0) {
+        LOG(LL_ERROR, "%s: xvlst_reserve() failed rc=%d\n", "rui_setup_listeners", err);
+        return err;
+    }
     srv->requests = dlep_create(&err);
     if (!srv->requests) {
         LOG(LL_ERROR, "%s: dlep_create() failed rc=%d\n", "rui_setup_listeners", err);
-        return err;
-    }
-    err = xvlst_reserve(&srv->pprm, PPRM_BLOCK, sizeof(rui_rq_header *), PPRM_BLOCK);
-    if (err != 0) {
-        LOG(LL_ERROR, "%s: xvlst_reserve() failed rc=%d\n", "rui_setup_listeners", err);
-        dlep_destroy(srv->requests, nullptr);
-        srv->requests = nullptr;
+        xvlst_reset(&srv->pprm);
         return err;
     }
     srv->tag.num = RSC_TAG;
@@ -81,6 +78,11 @@ static int setup_slot(const rui_socket_cb *cb, rui_listener_cfg *lc, rui_socket_
 
 int rui_setup_listeners(int type, rui_listener_cfg *lc, rui_socket_ctx *srv) {
     CHECK(type >= 0 && type < RUI_MAX);
+    for (size_t i = 0; i < MAX_LISTENERS; ++i) {
+        srv[i] = {};
+        srv[i].sockfd = -1;
+        srv[i].type = type;
+    }
     size_t n = 0;
     for (; n < MAX_LISTENERS && lc[n].is_valid; ++n) {
         int rc = setup_slot(&g_cb[type], &lc[n], &srv[n]);
@@ -92,12 +94,22 @@ int rui_setup_listeners(int type, rui_listener_cfg *lc, rui_socket_ctx *srv) {
 }
 
 int rui_ctx_init(rui_cfg *cfg, rui_ctx *ctx) {
-    int rc = rui_setup_listeners(RUI_USER, cfg->user, ctx->user);
-    if (rc == 0)
-        rc = rui_setup_listeners(RUI_ADMIN, cfg->admin, ctx->admin);
-    if (rc == 0)
-        rc = rui_setup_listeners(RUI_CUSTOM, cfg->custom, ctx->custom);
-    return rc;
+    const struct {
+        int type;
+        rui_listener_cfg *lc;
+        rui_socket_ctx *srv;
+        fd_bits *fds;
+    } types[] = {{RUI_USER, cfg->user, ctx->user, &ctx->user_fds},
+                 {RUI_ADMIN, cfg->admin, ctx->admin, &ctx->admin_fds},
+                 {RUI_CUSTOM, cfg->custom, ctx->custom, &ctx->custom_fds}};
+    for (const auto &t : types) {
+        int rc = rui_setup_listeners(t.type, t.lc, t.srv);
+        if (rc != 0)
+            return rc;
+        for (size_t i = 0; i < MAX_LISTENERS; ++i)
+            t.srv[i].fds = t.fds;
+    }
+    return 0;
 }
 
 // --- starting and stopping ---
@@ -137,37 +149,33 @@ int rui_start_listener(rui_listener_cfg *cfg, rui_socket_ctx *srv) {
         return -1;
     }
     srv->deferred = false;
+    if (srv->fds)
+        bits_set(srv->fds, srv->sockfd);
     LOG(LL_INFO, "STARTED listener fd%d for %s requests on %s:%s; %lu requests pending\n", srv->sockfd,
         srv->rqtag.sym, shown, cfg->port, static_cast<unsigned long>(dlep_count(srv->requests)));
     return 0;
 }
 
-static int enable_listeners(int type, rui_socket_ctx *srv, fd_bits *fds) {
+int rui_enable_listeners(rui_socket_ctx *srv) {
     size_t n = 0;
     for (; n < MAX_LISTENERS && srv[n].lc && srv[n].lc->is_valid; ++n) {
         int rc = rui_start_listener(srv[n].lc, &srv[n]);
         if (rc != 0)
             return rc;
-        if (fds)
-            bits_set(fds, srv[n].sockfd);
     }
-    LOG(LL_DEBUG, "%s: %lu [%s] listener(s) started\n", "rui_enable_listeners", static_cast<unsigned long>(n),
-        n > 0 ? srv[0].rqtag.sym : TYPE_NAMES[type]);
+    LOG_FN(LL_DEBUG, "%lu [%s] listener(s) started\n", static_cast<unsigned long>(n),
+           n > 0 ? srv[0].rqtag.sym : TYPE_NAMES[srv->type]);
     return 0;
-}
-
-int rui_enable_listeners(rui_socket_ctx *srv) {
-    return enable_listeners(RUI_USER, srv, nullptr);
 }
 
 int rui_ctx_start(rui_ctx *ctx) {
     if (g_spare_fd < 0)
         g_spare_fd = W_open(__func__, "/dev/null", O_RDONLY | O_CLOEXEC, 0);
-    int rc = enable_listeners(RUI_USER, ctx->user, &ctx->user_fds);
+    int rc = rui_enable_listeners(ctx->user);
     if (rc == 0)
-        rc = enable_listeners(RUI_ADMIN, ctx->admin, &ctx->admin_fds);
+        rc = rui_enable_listeners(ctx->admin);
     if (rc == 0)
-        rc = enable_listeners(RUI_CUSTOM, ctx->custom, &ctx->custom_fds);
+        rc = rui_enable_listeners(ctx->custom);
     return rc;
 }
 
@@ -180,6 +188,8 @@ void rui_stop_listener(rui_socket_ctx *srv) {
         LOG(LL_INFO, "%s listener fd%d wll be closed (%lu requsts queued)\n", srv->rqtag.sym, srv->sockfd,
             static_cast<unsigned long>(queued));
     rqs_rm_fd(srv->sockfd);
+    if (srv->fds)
+        bits_clear(srv->fds, srv->sockfd);
     W_close(__func__, srv->sockfd);
     srv->sockfd = -1;
     srv->deferred = true;
@@ -201,7 +211,7 @@ static void drop_listener(rui_socket_ctx *srv) {
     srv->tag.num = 0;
 }
 
-void stop_listeners(const char *name, rui_socket_ctx *srv, bool destroy) {
+void stop_listeners(rui_socket_ctx *srv, bool destroy) {
     size_t n = 0;
     for (; n < MAX_LISTENERS && srv[n].tag.num == RSC_TAG && srv[n].lc->is_valid; ++n) {
         if (destroy)
@@ -209,14 +219,13 @@ void stop_listeners(const char *name, rui_socket_ctx *srv, bool destroy) {
         else
             rui_stop_listener(&srv[n]);
     }
-    LOG_FN(LL_DEBUG, "%lu [%s] listener(s) %s\n", static_cast<unsigned long>(n), name,
+    LOG_FN(LL_DEBUG, "%lu [%s] listener(s) %s\n", static_cast<unsigned long>(n), TYPE_NAMES[srv->type],
            destroy ? "destroyed" : "stopped");
 }
 
 void rui_ctx_destroy(rui_ctx *ctx) {
-    stop_listeners("user", ctx->user, true);
-    stop_listeners("admin", ctx->admin, true);
-    stop_listeners("custom", ctx->custom, true);
+    for (rui_socket_ctx *srv : {ctx->user, ctx->admin, ctx->custom})
+        stop_listeners(srv, true);
     for (fd_bits *set : {&ctx->user_fds, &ctx->admin_fds, &ctx->custom_fds})
         xvec_reset(&set->words);
     if (g_spare_fd >= 0)
@@ -467,9 +476,9 @@ void rui_mk_trknum(size_t *count, n64_tag *tag, char pfx, size_t max) {
     memcpy(tag->sym8 + 1, digits, static_cast<size_t>(n < 5 ? n : 5));
 }
 
-[[noreturn]] void rui_crash_on_error(rui_socket_ctx *srv, bool is_hup) {
+[[noreturn]] void rui_crash_on_error(rui_socket_ctx *srv, bool is_hup, const char *caller) {
     int err = socket_error(srv->sockfd);
-    LOG_FN(LL_PANIC, "%s listener[%s] ERROR(%d): %s\n", is_hup ? "HUP" : "", srv->lc ? srv->lc->alias : "?",
-           err, strerror(err));
+    LOG(LL_PANIC, "%s: %s listener[%s] ERROR(%d): %s\n", caller, is_hup ? "HUP" : "",
+        srv->lc ? srv->lc->alias : "?", err, strerror(err));
     log_abort();
 }

@@ -80,13 +80,15 @@ struct rui_socket_ctx {
     rui_listener_cfg *lc; // not owned
     n32_tag rqtag;        // request family
     const rui_socket_cb *cb;
+    int type;     // of rui_type, also of an unused slot
+    fd_bits *fds; // the context's set for this type, not owned; null outside of a context
 };
 
 struct rui_ctx {
     rui_socket_ctx user[MAX_LISTENERS];
     rui_socket_ctx admin[MAX_LISTENERS];
     rui_socket_ctx custom[MAX_LISTENERS];
-    fd_bits user_fds; // listening sockets by type, for whoever watches them from outside
+    fd_bits user_fds; // open listening sockets by type, for whoever watches them from outside
     fd_bits admin_fds;
     fd_bits custom_fds;
 };
@@ -94,7 +96,8 @@ struct rui_ctx {
 // Sets a type's callbacks; they must be set before listeners of that type are set up.
 void rui_set_cb(int type, const rui_socket_cb &cb);
 
-// Set up the listeners of the configuration; 0 or the first error (logged). `cfg` must outlive the context.
+// Set up the listeners of the configuration; 0 or the first error (logged). `cfg` must outlive the context,
+// which stays where it is.
 int rui_ctx_init(rui_cfg *cfg, rui_ctx *ctx);
 int rui_setup_listeners(int type, rui_listener_cfg *lc, rui_socket_ctx *srv);
 
@@ -104,8 +107,8 @@ int rui_enable_listeners(rui_socket_ctx *srv);
 int rui_start_listener(rui_listener_cfg *cfg, rui_socket_ctx *srv);
 // Closes the socket; queued requests are kept.
 void rui_stop_listener(rui_socket_ctx *srv);
-// Stop every listener; free their requests too.
-void stop_listeners(const char *name, rui_socket_ctx *srv, bool destroy);
+// Stops every listener of a type; with `destroy` frees their requests too.
+void stop_listeners(rui_socket_ctx *srv, bool destroy);
 void rui_ctx_destroy(rui_ctx *ctx);
 
 // Back-pressure: below the limit; below three quarters of it.
@@ -128,5 +131,6 @@ void rui_pprm_all(rui_ctx *ctx);
 // Ask every queued request whether it has timed out.
 void rui_tmout_all(rui_ctx *ctx, long tmout_ms);
 
-// An error on a listening socket is unrecoverable: logs it and aborts.
-[[noreturn]] void rui_crash_on_error(rui_socket_ctx *srv, bool is_hup);
+// An error on a listening socket is unrecoverable: logs it in the caller's name and aborts.
+[[noreturn]] void rui_crash_on_error(rui_socket_ctx *srv, bool is_hup,
+                                     const char *caller = "rui_crash_on_error");
