@@ -51,8 +51,7 @@ static constexpr option_row OPTIONS[] = {
 static void print_row(const option_row &row) {
     char forms[32];
     snprintf(forms, sizeof(forms), "%s|--%s", row.shorts, row.name);
-    fprintf(stderr, "  %-13s%-14s%s= %s\n", forms, row.argument, strlen(row.argument) > 14 ? " " : "",
-            row.text);
+    fprintf(stderr, "  %-13s%-14s= %s\n", forms, row.argument, row.text);
 }
 
 [[noreturn]] void usage(int status) {
@@ -169,9 +168,9 @@ static int apply_option(int c) {
     case 'L':
         return take_level();
     case 'S':
-        return take_socket(SRC_LISTENER, YLI_TAG, "Source socket path");
+        return take_socket(SRC_LISTENER, YLI_tag, "Source socket path");
     case 'Y':
-        return take_socket(PL_LISTENER, SLI_TAG, "Playlist socket path");
+        return take_socket(PL_LISTENER, SLI_tag, "Playlist socket path");
     case 'l':
         return take_path(g_cfg.log.path, sizeof(g_cfg.log.path), "Log path");
     case 'p':

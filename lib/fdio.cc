@@ -160,7 +160,3 @@ int fdio_init(ssize_t bufsize) {
 void fdio_destroy() {
     g_bufsize = 0;
 }
-
-size_t fdio_bufsize() {
-    return g_bufsize;
-}

@@ -31,4 +31,3 @@ ssize_t recv_fd(int sock, void *buf, size_t len, int *fd);
 // Sets the transfer buffer's size: -1 = 2 MiB, below 1 leaves it unset. 0 or -1.
 int fdio_init(ssize_t bufsize);
 void fdio_destroy();
-size_t fdio_bufsize();

@@ -339,15 +339,6 @@ size_t nkht_count(const ht_tag *tbl) {
     return skht_count(tbl);
 }
 
-size_t skht_buckets(const ht_tag *tbl) {
-    CHECK(tbl);
-    return tbl->rlen;
-}
-
-size_t nkht_buckets(const ht_tag *tbl) {
-    return skht_buckets(tbl);
-}
-
 void skht_print(const ht_tag *tbl) {
     print_head(tbl);
     skht_iter(

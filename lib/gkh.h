@@ -54,9 +54,6 @@ void nkht_destroy(nkht_t table, ht_free_fn fn);
 
 size_t skht_count(const ht_tag *table);
 size_t nkht_count(const ht_tag *table);
-// Number of buckets.
-size_t skht_buckets(const ht_tag *table);
-size_t nkht_buckets(const ht_tag *table);
 
 // Diagnostic dumps to standard error.
 void skht_print(const ht_tag *table);

@@ -119,7 +119,7 @@ static int open_bound(const char *caller, const sockaddr *addr, const char *port
     memcpy(&local, addr, len);
     if (port)
         put_port(&local, number);
-    fd_guard sock(W_socket(caller, addr->sa_family, socktype, 0));
+    fd_guard sock(W_socket(caller, addr->sa_family, socktype, 0), caller);
     if (sock.fd < 0 || reuse_and_bind(sock.fd, reinterpret_cast<sockaddr *>(&local), len) != 0 ||
         set_nblock(sock.fd, true) != 0)
         return -1;
@@ -247,7 +247,7 @@ static int open_resolved(const char *caller, const sock_spec &spec, const addrin
         LOG(LL_ERROR, "%s: [%s] is no UDP multicast group\n", caller, any_if_null(spec.host));
         return -1;
     }
-    fd_guard sock(W_socket(caller, target.ai_family, target.ai_socktype, target.ai_protocol));
+    fd_guard sock(W_socket(caller, target.ai_family, target.ai_socktype, target.ai_protocol), caller);
     if (sock.fd < 0 || (spec.non_blocking && set_nblock(sock.fd, true) != 0))
         return -1;
     int rc = multicast ? setup_multicast(caller, spec, sock.fd, target)
@@ -310,7 +310,7 @@ static int split_address(const char *caller, const char *text, char (&host)[ADDR
 }
 
 static bool can_open(const char *caller, const addrinfo &ai) {
-    fd_guard probe(W_socket(caller, ai.ai_family, ai.ai_socktype, ai.ai_protocol));
+    fd_guard probe(W_socket(caller, ai.ai_family, ai.ai_socktype, ai.ai_protocol), caller);
     LOG(LL_DEBUG, "%s: %s af=%s (%d), proto = %d\n", caller, probe.fd >= 0 ? "OK" : "BAD",
         af_name(ai.ai_family), ai.ai_family, ai.ai_protocol);
     return probe.fd >= 0;

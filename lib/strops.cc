@@ -326,12 +326,23 @@ static size_t parse_float(std::string_view text, float *value) {
     return static_cast<size_t>(got.ptr - text.data());
 }
 
+// Whether a number breaks off in what only digits could have finished: "9.5e", "0x", "0x1p".
+static bool is_unfinished(std::string_view text, size_t used) {
+    const size_t sign = sign_len(text);
+    const std::string_view taken = text.substr(sign, used - sign);
+    const bool is_hex = taken.size() > 1 && (taken[1] | 0x20) == 'x';
+    const int next = used < text.size() ? text[used] | 0x20 : 0;
+    return next == (is_hex ? 'p' : 'e') || (next == 'x' && taken == "0");
+}
+
 bool scan_float(line_scan *scan, float *value) {
     if (!open_field(scan))
         return false;
-    const size_t used = parse_float(scan->rest, value);
-    if (used == 0)
+    float number = 0;
+    const size_t used = parse_float(scan->rest, &number);
+    if (used == 0 || is_unfinished(scan->rest, used))
         return close_scan(scan);
+    *value = number;
     take(scan, used);
     return true;
 }

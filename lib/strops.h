@@ -52,7 +52,8 @@ std::string_view scan_word(line_scan *scan);
 // A decimal integer, clamped to the type's range. `value` is untouched when there is none.
 bool scan_long(line_scan *scan, int64_t *value);
 bool scan_int(line_scan *scan, int *value);
-// A floating-point number in any form strtof takes, infinities and NaN included.
+// A floating-point number in any form strtof takes, infinities and NaN included; one that breaks off in its
+// exponent or behind "0x" is none.
 bool scan_float(line_scan *scan, float *value);
 // At most `max` characters of what is left, leading white space skipped.
 std::string_view scan_rest(line_scan *scan, size_t max);

@@ -55,15 +55,16 @@ ssize_t W_recvfrom(const char *caller, int fd, void *buf, size_t len, int flags,
 bool no_fault(int err, int flags);
 bool is_eagain(int err);
 
-// Owners for the span of one function: closed on every way out unless released.
+// Owners for the span of one function: closed, in the caller's name, on every way out unless released.
 struct fd_guard {
     int fd = -1;
-    explicit fd_guard(int owned = -1) : fd(owned) {}
+    const char *caller;
+    explicit fd_guard(int owned = -1, const char *owner = __builtin_FUNCTION()) : fd(owned), caller(owner) {}
     fd_guard(const fd_guard &) = delete;
     fd_guard &operator=(const fd_guard &) = delete;
     ~fd_guard() {
         if (fd >= 0)
-            W_close("fd_guard", fd);
+            W_close(caller, fd);
     }
     int release() {
         int out = fd;

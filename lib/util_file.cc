@@ -47,10 +47,14 @@ FILE *fopen_regular(const char *path) {
     struct stat st;
     if (file.fd < 0 || fstat(file.fd, &st) != 0)
         return nullptr;
-    if (S_ISREG(st.st_mode))
-        return fdopen(file.release(), "r");
-    errno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
-    return nullptr;
+    if (!S_ISREG(st.st_mode)) {
+        errno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+        return nullptr;
+    }
+    FILE *fp = fdopen(file.fd, "r");
+    if (fp)
+        file.release();
+    return fp;
 }
 
 ssize_t read_file_buf(const char *path, void *buf, size_t size) {

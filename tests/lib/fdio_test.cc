@@ -4,10 +4,8 @@
 #include "tests/capture.h"
 
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 #include <vector>
@@ -97,42 +95,4 @@ TEST_F(Fdio, Readiness) {
     EXPECT_EQ(wait_to_read(100000, -1), -1) << "no such descriptor";
     EXPECT_EQ(npread(g_pipe[0], buf, 1, 0, 0), -1);
     EXPECT_EQ(errno, ESPIPE);
-}
-
-TEST_F(Fdio, DescriptorsTravel) {
-    int pair[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-    char buf[8] = {};
-    int passed = -1;
-    EXPECT_EQ(send_fd(pair[0], "hello", 5, g_pipe[1]), 5);
-    EXPECT_EQ(recv_fd(pair[1], buf, sizeof(buf), &passed), 5);
-    EXPECT_STREQ(buf, "hello");
-    EXPECT_EQ(write(passed, "x", 1), 1);
-    EXPECT_EQ(read(g_pipe[0], buf, 1), 1);
-    close(passed);
-    EXPECT_EQ(write(pair[0], "plain", 5), 5);
-    EXPECT_EQ(recv_fd(pair[1], buf, sizeof(buf), &passed), 5);
-    EXPECT_EQ(passed, -1);
-
-    // Two at once: the one asked for is handed over, the other does not stay open unseen.
-    alignas(cmsghdr) char control[CMSG_SPACE(2 * sizeof(int))] = {};
-    iovec vec{buf, 1};
-    msghdr msg{};
-    msg.msg_iov = &vec;
-    msg.msg_iovlen = 1;
-    msg.msg_control = control;
-    msg.msg_controllen = sizeof(control);
-    *CMSG_FIRSTHDR(&msg) = {
-        .cmsg_len = CMSG_LEN(2 * sizeof(int)), .cmsg_level = SOL_SOCKET, .cmsg_type = SCM_RIGHTS};
-    memcpy(CMSG_DATA(CMSG_FIRSTHDR(&msg)), g_pipe, sizeof(g_pipe));
-    ASSERT_EQ(sendmsg(pair[0], &msg, 0), 1);
-    const int before = next_fd();
-    EXPECT_EQ(recv_fd(pair[1], buf, sizeof(buf), &passed), 1);
-    EXPECT_EQ(next_fd(), before + 1);
-    close(passed);
-    close(pair[0]);
-    EXPECT_EQ(recv_fd(pair[1], buf, sizeof(buf), &passed), 0);
-    close(pair[1]);
-    EXPECT_EQ(send_fd(pair[0], "x", 1, g_pipe[0]), -1);
-    EXPECT_EQ(errno, EBADF);
 }

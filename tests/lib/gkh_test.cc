@@ -109,12 +109,4 @@ TEST(Gkh, LongTextKeysAreCut) {
     skht_destroy(t, nullptr);
 }
 
-TEST(Gkh, NumericKeysCompareByTheirLowHalf) {
-    nkht_t t;
-    ASSERT_EQ(nkht_create(&t, 1, nullptr), 0);
-    EXPECT_EQ(nkht_add(t, 5, nullptr), 0);
-    EXPECT_EQ(nkht_add(t, 0x700000005ull, nullptr), EBUSY);
-    nkht_destroy(t, nullptr);
-}
-
 } // namespace

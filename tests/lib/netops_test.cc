@@ -5,8 +5,7 @@
 #include "tests/capture.h"
 
 #include <cerrno>
-#include <netinet/tcp.h>
-#include <poll.h>
+#include <netinet/in.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 
@@ -60,13 +59,6 @@ static std::string free_port(int socktype) {
     sockaddr_storage any = numeric("0.0.0.0", "0");
     EXPECT_EQ(bind(probe.fd, sa(any), sizeof(sockaddr_in)), 0);
     return std::to_string(port_of(probe.fd));
-}
-
-static std::string receive(int fd) {
-    char buf[64];
-    set_rcv_timeout(fd, 5000);
-    ssize_t n = recv(fd, buf, sizeof(buf), 0);
-    return n < 0 ? "nothing" : std::string(buf, n);
 }
 
 TEST_F(Netops, DomainListenerReplacesWhatStandsAtItsPath) {
@@ -128,20 +120,6 @@ TEST_F(Netops, ListenersOnAddressRecords) {
     EXPECT_EQ(open_udp_listener(sa(foreign), nullptr), -1);
 }
 
-TEST_F(Netops, AnyAddressListenersAndTheirClients) {
-    for (int family : {AF_INET, AF_UNSPEC}) {
-        SCOPED_TRACE(af_name(family));
-        std::string port = free_port(SOCK_STREAM);
-        fd_guard server(open_anyaddr_listener(family, port.c_str(), false));
-        ASSERT_TRUE(server.fd >= 0 && is_listening(server.fd)) << log.take();
-        // A client asked to connect at once may still be connecting.
-        sock_spec spec{.host = "127.0.0.1", .port = port.c_str()};
-        fd_guard client(open_socket(spec, nullptr, nullptr));
-        pollfd ready{server.fd, POLLIN, 0};
-        EXPECT_EQ(poll(&ready, 1, 5000), 1);
-    }
-}
-
 TEST_F(Netops, AddressTexts) {
     std::string too_long = "localhost" + std::string(116, '.') + ":80";
     const std::pair<const char *, int> refused[] = {
@@ -164,75 +142,4 @@ TEST_F(Netops, AddressTexts) {
     EXPECT_STREQ(saddr_str(unix_addr, sizeof(sa_family_t), buf, sizeof(buf)), "DOMAIN :") << "unnamed peer";
     memset(un.sun_path, 'p', sizeof(un.sun_path)); // not terminated
     EXPECT_EQ(saddr_str(unix_addr, sizeof(un), buf, sizeof(buf)), "DOMAIN " + std::string(108, 'p') + ":");
-}
-
-TEST_F(Netops, Options) {
-    fd_guard tcp(socket(AF_INET, SOCK_STREAM, 0));
-    timeval rcv{};
-    socklen_t len = sizeof(rcv);
-    EXPECT_EQ(set_rcv_timeout(tcp.fd, 2500), 0);
-    getsockopt(tcp.fd, SOL_SOCKET, SO_RCVTIMEO, &rcv, &len);
-    EXPECT_TRUE(rcv.tv_sec == 2 && rcv.tv_usec == 500000);
-    for (bool on : {true, false}) {
-        EXPECT_EQ(set_keepalive(tcp.fd, on) | set_tcp_nodelay(tcp.fd, on) | set_nblock(tcp.fd, on), 0);
-        EXPECT_EQ(option(tcp.fd, SOL_SOCKET, SO_KEEPALIVE), on);
-        EXPECT_EQ(option(tcp.fd, IPPROTO_TCP, TCP_NODELAY), on);
-        EXPECT_EQ(is_non_blocking(tcp.fd), on);
-    }
-    for (const char *text : {"host:80", "a:b:8", ":0"})
-        EXPECT_TRUE(ends_with_port(text)) << text;
-    for (const char *text : {"host:", "80", "", "host:8x", "a:-8", "a:8:"})
-        EXPECT_FALSE(ends_with_port(text)) << text;
-    EXPECT_TRUE(name2af("IPv4") == AF_INET && name2af("ipv6") == AF_INET6 && name2af("inet5") == -1);
-}
-
-// Whether the kernel lets a bare socket join `group` on the loopback interface.
-static bool lo_permits(const sockaddr_storage &group) {
-    fd_guard probe(socket(group.ss_family, SOCK_DGRAM, 0));
-    group_req req{};
-    req.gr_interface = if_nametoindex("lo");
-    req.gr_group = group;
-    int level = group.ss_family == AF_INET ? IPPROTO_IP : IPPROTO_IPV6;
-    return setsockopt(probe.fd, level, MCAST_JOIN_GROUP, &req, sizeof(req)) == 0;
-}
-
-static sock_spec mcast_spec(sock_role role, const char *group, const char *port) {
-    sock_spec spec{.role = role, .socktype = SOCK_DGRAM, .host = group, .port = port};
-    spec.is_multicast = true;
-    spec.ifc = "lo";
-    spec.non_blocking = false;
-    spec.ttl = 3;
-    return spec;
-}
-
-TEST_F(Netops, MulticastOnLoopback) {
-    std::string port = free_port(SOCK_DGRAM);
-    for (const char *source : {"", "127.0.0.1"}) { // from anybody, from one
-        const char *group = *source ? "232.1.77.77" : "239.255.77.77";
-        sockaddr_storage to = numeric(group, port.c_str()), friendly = numeric("127.0.0.1", "0");
-        if (!lo_permits(to))
-            GTEST_SKIP() << "no membership on lo";
-        const socklen_t len = sizeof(sockaddr_in);
-        sock_spec spec = mcast_spec(SOCK_LISTENER, group, port.c_str());
-        spec.ssm_source = *source ? source : nullptr;
-        fd_guard reader(open_socket(spec, nullptr, nullptr)), stranger(socket(AF_INET, SOCK_DGRAM, 0));
-        fd_guard writer(open_socket(mcast_spec(SOCK_CLIENT, group, port.c_str()), nullptr, nullptr));
-        EXPECT_EQ(option(writer.fd, IPPROTO_IP, IP_MULTICAST_TTL), 3);
-        ifc_info lo;
-        ASSERT_EQ(get_ifc_info("lo", AF_INET, &lo), 0);
-        sockaddr_storage other = numeric("127.0.0.9", "0");
-        ASSERT_EQ(bind(stranger.fd, sa(other), len), 0);
-        ASSERT_EQ(setup_mcast_writer(stranger.fd, sa(to), len, &lo, -1), 0);
-        EXPECT_EQ(sendto(stranger.fd, "stranger", 8, 0, sa(to), len), 8);
-        EXPECT_EQ(sendto(writer.fd, "friend", 6, 0, sa(to), len), 6);
-        EXPECT_EQ(receive(reader.fd), *source ? "friend" : "stranger");
-        // Leaving works once: the membership was really held.
-        for (int rc : {0, -1})
-            EXPECT_EQ(*source ? ssm_leave(reader.fd, sa(to), sa(friendly), len, &lo)
-                              : mcast_leave(reader.fd, sa(to), len, &lo),
-                      rc);
-    }
-    sockaddr_storage link = numeric("ff02::7777", "4000");
-    fd_guard udp(socket(AF_INET6, SOCK_DGRAM, 0));
-    EXPECT_EQ(mcast_join(udp.fd, sa(link), sizeof(sockaddr_in6), nullptr), -1) << "which interface?";
 }

@@ -43,11 +43,7 @@ TEST(Strops, Numbers) {
     }
 }
 
-TEST(Strops, MarkersAndPaths) {
-    EXPECT_EQ(marker_count("a:3 b a:4", "a:"), 7);
-    EXPECT_EQ(marker_count("a: 3 a:-4 a:", "a:"), 0);
-    EXPECT_EQ(marker_count("text", ""), 0);
-    EXPECT_EQ(marker_count("a:99999999999999999999 a:5", "a:"), INT64_MAX);
+TEST(Strops, PathsThatClimb) {
     for (const char *path : {"..", "../a", "a/..", "a/../b", "/.."})
         EXPECT_TRUE(has_dotdot(path)) << path;
     for (const char *path : {"", "...", "a..", "..a/b", "a/..b", "./a/.", "//"})
@@ -119,8 +115,8 @@ TEST(LineScan, TakesWhatTheSystemScannerTakes) {
 }
 
 TEST(LineScan, FloatsAreThoseOfTheSystem) {
-    std::vector<std::string> texts = {"1e", "0x",    "5.",    ".5",   "-",        "-0",  "1.4e-45", "1e400",
-                                      "in", "-1e99", "nan(1", "infx", "0X1P-149", "+ 1", "--1",     "e5"};
+    std::vector<std::string> texts = {"0x",    "5.",    ".5",   "-",        "-0",  "1.4e-45", "1e400", "in",
+                                      "-1e99", "nan(1", "infx", "0X1P-149", "+ 1", "--1",     "e5"};
     std::mt19937 random(7);
     for (int i = 0; i < 2000; i++) {
         char text[64];
@@ -129,13 +125,19 @@ TEST(LineScan, FloatsAreThoseOfTheSystem) {
         texts.emplace_back(text);
     }
     for (const std::string &text : texts) {
-        char *end = nullptr;
-        float wanted = strtof(text.c_str(), &end), got = 77;
-        const bool is_number = end != text.c_str();
+        float wanted = 77, got = 77;
+        int used = 0;
+        const bool is_number = sscanf(text.c_str(), "%f%n", &wanted, &used) == 1;
         line_scan scan{.rest = text};
         EXPECT_EQ(scan_float(&scan, &got), is_number) << text;
-        EXPECT_TRUE(same_float(got, is_number ? wanted : 77)) << text;
-        EXPECT_TRUE(!is_number || scan.rest == end) << text;
+        EXPECT_TRUE(same_float(got, wanted)) << text;
+        EXPECT_TRUE(!is_number || scan.rest == text.substr(static_cast<size_t>(used))) << text;
+    }
+    // The system takes the number and loses the letter behind it.
+    for (const char *text : {"1e", "9.5e+", "0x1p"}) {
+        line_scan scan{.rest = text};
+        float got = 77;
+        EXPECT_TRUE(!scan_float(&scan, &got) && got == 77) << text;
     }
 }
 
