@@ -72,8 +72,8 @@ static int load_listener(plum_cfg *cfg, const char *key, size_t index, uint32_t 
 // What only the start reads.
 static int load_fixed(plum_cfg *cfg) {
     if (appcfg_load_log(GROUP, &cfg->log) != 0 ||
-        load_listener(cfg, "lum.src_socket", SRC_LISTENER, YLI_TAG) != 0 ||
-        load_listener(cfg, "lum.pl_socket", PL_LISTENER, SLI_TAG) != 0)
+        load_listener(cfg, "lum.src_socket", SRC_LISTENER, YLI_tag) != 0 ||
+        load_listener(cfg, "lum.pl_socket", PL_LISTENER, SLI_tag) != 0)
         return -1;
     return appcfg_load_rt(GROUP, &cfg->rt);
 }

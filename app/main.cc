@@ -52,7 +52,7 @@ static bool has_pending_data(const pl_urq *urq) {
 
 // A producer may write its lines and go at once: they are its work, and no answer is waited for.
 static bool has_source_lines(const pl_urq *urq) {
-    return urq->kind.num == YLI_TAG && bytes_to_read(urq->rq.fd) > 0;
+    return urq->kind.num == YLI_tag && bytes_to_read(urq->rq.fd) > 0;
 }
 
 static int read_urq(pl_urq *urq, int err) {
@@ -63,7 +63,7 @@ static int read_urq(pl_urq *urq, int err) {
         pprm_urq(urq);
         return 0;
     }
-    if (urq->kind.num == SLI_TAG || urq->kind.num == YLI_TAG)
+    if (urq->kind.num == SLI_tag || urq->kind.num == YLI_tag)
         return urq_read(urq);
     LOG(LL_ERROR, "%s: unknown URQ type: [%s]\n", "on_read", urq->kind.sym);
     report_corruption(urq->rq.le.tag, urq);

@@ -26,8 +26,8 @@ inline constexpr uint32_t PL_DIS = tag_num("DIS");  // a discontinuity item
 inline constexpr uint32_t PL_LIV = tag_num("LIV");  // a live task
 inline constexpr uint32_t PL_VOD = tag_num("VOD");  // a video-on-demand task
 inline constexpr uint32_t PL_EVE = tag_num("EVE");  // an event task
-inline constexpr uint32_t SLI_TAG = tag_num("Sli"); // request kind, of the playlist listener
-inline constexpr uint32_t YLI_TAG = tag_num("Yli"); // request kind, of the source listener
+inline constexpr uint32_t SLI_tag = tag_num("Sli"); // request kind, of the playlist listener
+inline constexpr uint32_t YLI_tag = tag_num("Yli"); // request kind, of the source listener
 
 inline constexpr char DISCONTINUITY[] = "DISCONTINUITY";
 inline constexpr char BACKUP_MARK = '~'; // first character of a backup source's name
@@ -216,7 +216,7 @@ struct pl_urq {
     timespec wait_start_tm; // the loop's time when it last began to wait
     n32_tag state;
     ssize_t pprm_idx;       // slot in the listener's pprm list
-    n32_tag kind;           // SLI_TAG or YLI_TAG, from the listener
+    n32_tag kind;           // SLI_tag or YLI_tag, from the listener
     char text[MAX_URQ_TXT]; // received so far
     size_t text_len;
     char tail[MAX_URQ_TXT]; // what followed the line, tail_len bytes

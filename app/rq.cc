@@ -56,9 +56,9 @@ rui_rq_header *urq_new(int fd, rui_socket_ctx *srv, void *) {
     urq->rq.srv = srv;
     urq->kind = srv->lc->kind;
     urq->pprm_idx = -1;
-    set_timeout(TMO_URQ, URQ_TMOUT_MS);
+    set_timeout(URQ_TMOUT, URQ_TMOUT_MS);
     rui_mk_trknum(&srv->rqcount, &urq->rq.trk_tag, 'u', MAX_RQNUM);
-    LOG_FN(LL_DEBUG, "%s [%s] (%p) created\n", srv->rqtag.sym, name_of(urq), static_cast<void *>(urq));
+    LOG(LL_DEBUG, "%s [%s] (%p) created\n", srv->rqtag.sym, name_of(urq), static_cast<void *>(urq));
     rqs_set_now(&urq->wait_start_tm);
     return &urq->rq;
 }
@@ -78,15 +78,15 @@ void urq_rm(rui_rq_header *rq) {
     urq->rq.le.tag.num = 0;
     const void *volatile freed = urq; // only its number is told
     free(urq);
-    rm_timeout(TMO_URQ);
+    rm_timeout(URQ_TMOUT);
     LOG_FN(LL_DEBUG, "freed (%p)\n", freed);
 }
 
 void urq_set_state(pl_urq *urq, uint32_t state) {
     n32_tag to = {.num = state};
     CHECK(urq->state.num != to.num);
-    LOG_FN(LL_DEBUG, "%s [%s] (%p) state: %s -> %s\n", urq->rq.srv->rqtag.sym, name_of(urq),
-           static_cast<void *>(urq), urq->state.sym, to.sym);
+    LOG(LL_DEBUG, "%s [%s] (%p) state: %s -> %s\n", urq->rq.srv->rqtag.sym, name_of(urq),
+        static_cast<void *>(urq), urq->state.sym, to.sym);
     urq->state = to;
 }
 

@@ -37,8 +37,8 @@ class App : public ::testing::Test {
         strcpy(g_cfg.data_dir, dir.c_str());
         g_cfg.verify_item_filesize = false;
         g_cfg.has_gzip_pl = false;
-        config_plum_ifc(&g_cfg, SRC_LISTENER, YLI_TAG, (dir + "/src").c_str());
-        config_plum_ifc(&g_cfg, PL_LISTENER, SLI_TAG, (dir + "/pl").c_str());
+        config_plum_ifc(&g_cfg, SRC_LISTENER, YLI_tag, (dir + "/src").c_str());
+        config_plum_ifc(&g_cfg, PL_LISTENER, SLI_tag, (dir + "/pl").c_str());
         ASSERT_EQ(init_plum_ctx(urq_callbacks()), 0);
     }
 

@@ -13,20 +13,20 @@ TEST(Tmout, FirstValueWinsAndTheMinimumFollows) {
         op what;
         int index;
         int64_t val, kept, min;
-    } steps[] = {{SET, TMO_URQ, 3000, 3000, 3000},
-                 {SET, TMO_URQ, 10, 3000, 3000}, // only counts
+    } steps[] = {{SET, URQ_TMOUT, 3000, 3000, 3000},
+                 {SET, URQ_TMOUT, 10, 3000, 3000}, // only counts
                  {SET, TMO_SRC, 30000, 30000, 3000},
                  {SET, 31, 0, 0, 0},
                  {SET, 0, 5, 5, 0},
-                 {RM, TMO_URQ, 0, 3000, 0},
+                 {RM, URQ_TMOUT, 0, 3000, 0},
                  {RM, 31, 0, 0, 5},
                  {RM, 0, 0, 0, 3000},
-                 {RM, TMO_URQ, 0, 0, 30000},
-                 {RM, TMO_URQ, 0, 0, 30000}, // nobody left there
-                 {SET, TMO_URQ, 10, 10, 10}, // a first registrant again
+                 {RM, URQ_TMOUT, 0, 0, 30000},
+                 {RM, URQ_TMOUT, 0, 0, 30000}, // nobody left there
+                 {SET, URQ_TMOUT, 10, 10, 10}, // a first registrant again
                  {SET, 3, INT64_MAX - 1, INT64_MAX - 1, 10},
                  {RM, TMO_SRC, 0, 0, 10}, // not the smallest
-                 {RM, TMO_URQ, 0, 0, INT64_MAX - 1},
+                 {RM, URQ_TMOUT, 0, 0, INT64_MAX - 1},
                  {RM, 3, 0, 0, MIN_TIMER_VAL},
                  {SET, 3, MIN_TIMER_VAL, MIN_TIMER_VAL, MIN_TIMER_VAL},
                  {RM, 3, 0, 0, MIN_TIMER_VAL}};
