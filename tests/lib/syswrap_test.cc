@@ -6,13 +6,6 @@
 #include <cstdarg>
 #include <fcntl.h>
 #include <functional>
-#include <netinet/in.h>
-#include <sys/resource.h>
-
-// The sanitizer's allocator, where there is one, answers like the system's.
-extern "C" const char *__asan_default_options() {
-    return "allocator_may_return_null=1";
-}
 
 static std::string fmt(const char *format, ...) __attribute__((format(printf, 1, 2)));
 static std::string fmt(const char *format, ...) {
@@ -29,7 +22,6 @@ TEST(Syswrap, EachFailureTellsTheCallAndKeepsErrno) {
     char buf[8] = "";
     const void *p = buf;
     socklen_t len = 4;
-    int fds[2] = {-5, -6};
     struct {
         std::function<long()> call;
         std::string record;
@@ -42,37 +34,13 @@ TEST(Syswrap, EachFailureTellsTheCallAndKeepsErrno) {
          EBADF},
         {[&] { return W_bind("me", 999, nullptr, 16); }, fmt("bind(999, %p, 16):", nullptr), EBADF},
         {[&] { return W_accept("me", 999, nullptr, nullptr); }, fmt("accept(999, %p, 0)", nullptr), EBADF},
-        {[&] { return W_kill("me", -999999, 0); }, "kill(-999999, 0)", ESRCH},
-        {[&] {
-             rlimit old, none;
-             getrlimit(RLIMIT_NOFILE, &old);
-             none = {0, old.rlim_max};
-             setrlimit(RLIMIT_NOFILE, &none);
-             int rc = W_pipe("me", fds);
-             EXPECT_EQ(errno, EMFILE);
-             setrlimit(RLIMIT_NOFILE, &old);
-             return rc;
-         },
-         "pipe([-5,-6])", EMFILE}};
+        {[&] { return W_kill("me", -999999, 0); }, "kill(-999999, 0)", ESRCH}};
     for (auto &c : cases) {
         errno = 0;
         EXPECT_EQ(c.call(), -1) << c.record;
         EXPECT_EQ(errno, c.err) << c.record;
         EXPECT_EQ(log.take(), fmt("(ERR)  me: %s ERROR(%d): %s\n", c.record.c_str(), c.err, strerror(c.err)));
     }
-    // More than any address space holds, kept out of the compiler's sight.
-    volatile size_t huge = SIZE_MAX / 2;
-    EXPECT_EQ(W_calloc("me", huge, 4), nullptr);
-    EXPECT_EQ(log.take(), fmt("(ERR)  me: calloc(%zu, 4) ERROR(12): %s\n", huge, strerror(ENOMEM)));
-
-    // Of the resolver's failures only one is told.
-    addrinfo hints{}, *found = nullptr;
-    hints.ai_flags = AI_NUMERICHOST;
-    EXPECT_EQ(W_getaddrinfo("me", "no number", "1", &hints, &found), EAI_NONAME);
-    EXPECT_EQ(log.take(), "");
-    hints.ai_flags = ~0;
-    EXPECT_EQ(W_getaddrinfo("me", nullptr, "1", &hints, &found), -1);
-    EXPECT_TRUE(log.has("(ERR)  me: getaddrinfo(-, 1, "));
 }
 
 TEST(Syswrap, ExpectedFailuresOfNonBlockingDescriptors) {
@@ -93,21 +61,6 @@ TEST(Syswrap, ExpectedFailuresOfNonBlockingDescriptors) {
     EXPECT_EQ(W_poll("me", &fds, 1, 3), 0);
     EXPECT_EQ(log.take(), "(WRN)  me: poll() has timed out after 3 ms\n");
 
-    // Neither an empty accept queue nor a connection under way is a failure.
-    sockaddr_in in{};
-    in.sin_family = AF_INET;
-    in.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    auto *sa = reinterpret_cast<sockaddr *>(&in);
-    socklen_t len = sizeof(in);
-    int srv = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0),
-        tcp = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-    ASSERT_EQ(bind(srv, sa, len) | listen(srv, 1) | getsockname(srv, sa, &len), 0);
-    EXPECT_EQ(W_accept("me", srv, nullptr, nullptr), -1);
-    EXPECT_EQ(errno, EAGAIN);
-    EXPECT_EQ(log.take(), "");
-    EXPECT_EQ(W_connect("me", tcp, sa, len), -1);
-    EXPECT_EQ(errno, EINPROGRESS);
-    EXPECT_EQ(log.take(), fmt("(INF)  W_connect: non-blocking connect in progress for fd%d\n", tcp));
-    for (int fd : {empty[0], empty[1], srv, tcp})
-        close(fd);
+    close(empty[0]);
+    close(empty[1]);
 }
