@@ -184,7 +184,7 @@ static void check_encoder(session *self, int64_t now) {
         run_is_over(self);
 }
 
-static void on_time(session *self) {
+void session_on_time(session *self) {
     int64_t now = mono_now_ms();
     feeder_on_time(&self->feed);
     if (self->phase == PHASE_RUN && !is_list(*self))
@@ -211,9 +211,9 @@ static int wait_ms(const session &self, int max_wait_ms) {
     return static_cast<int>(std::max<int64_t>(wait, 0));
 }
 
-// --- the pass ---
+// --- waiting ---
 
-void session_pass(session *self, int signal_fd, int max_wait_ms) {
+void session_wait(session *self, int signal_fd, int max_wait_ms) {
     enum { SIGNALS, ROWS, WORDS, LINK, COUNT };
     bool is_reading_list = is_list(*self) && self->phase == PHASE_RUN;
     pollfd fds[COUNT] = {{signal_fd, POLLIN, 0},
@@ -235,7 +235,6 @@ void session_pass(session *self, int signal_fd, int max_wait_ms) {
         read_end(&self->enc.rows, &self->enc.rows_fd);
         take_rows(self, &self->enc.rows);
     }
-    on_time(self);
 }
 
 void session_quit(session *self) {

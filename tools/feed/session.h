@@ -37,8 +37,10 @@ struct session {
 // False, told, when there is nothing to begin with.
 bool session_open(session *self, const feed_options *opts);
 
-// One look at everything: waits for at most `max_wait_ms`, or for `signal_fd` to be readable.
-void session_pass(session *self, int signal_fd, int max_wait_ms);
+// Waits for at most `max_wait_ms`, or for `signal_fd` to be readable, and takes what has come in. To be
+// followed by the signals, and by session_on_time, which draws the conclusions.
+void session_wait(session *self, int signal_fd, int max_wait_ms);
+void session_on_time(session *self);
 
 // Ends the run behind the last whole segment; told a second time, at once.
 void session_quit(session *self);
