@@ -19,7 +19,7 @@ packages_of() {
     edge) echo nginx-light ;;
     status) echo prometheus ;;
     package) echo dpkg-dev file lintian debootstrap ;;
-    bench) echo libbenchmark-dev ;;
+    bench) echo libbenchmark-dev wrk ;;
     lint) echo clang-format clang-tidy shellcheck man-db python3 ;;
     *)
         echo "install-deps.sh: unknown group: $1" >&2

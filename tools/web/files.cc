@@ -11,6 +11,7 @@
 #include <linux/openat2.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <unordered_map>
 
 // A file that changed so recently may still be growing under a guessed name: nobody may keep that long.
 static constexpr int64_t YOUNG_SEC = 3;
@@ -127,9 +128,50 @@ static std::string content_range(const byte_range &part, const struct stat &st) 
            size;
 }
 
+// --- answers that are used again: those who watch live all want the same segments ---
+
+static constexpr int64_t KEEP_MS = 1000;
+static constexpr size_t MAX_KEPT = 256;
+
+struct kept_answer {
+    response_ptr response; // a whole file, open
+    uint64_t size;
+    int64_t made_at;
+};
+static std::unordered_map<std::string, kept_answer> g_kept; // by path
+
+static bool wants_whole(MHD_Connection *conn) {
+    for (const char *name :
+         {MHD_HTTP_HEADER_RANGE, MHD_HTTP_HEADER_IF_NONE_MATCH, MHD_HTTP_HEADER_IF_MODIFIED_SINCE})
+        if (request_header(conn, name))
+            return false;
+    return true;
+}
+
+static const kept_answer *find_kept(const std::string &path) {
+    auto found = g_kept.find(path);
+    bool is_fresh = found != g_kept.end() && clock_ms() - found->second.made_at < KEEP_MS;
+    return is_fresh ? &found->second : nullptr;
+}
+
+static void keep_answer(const std::string &path, response_ptr response, uint64_t size) {
+    if (g_kept.size() < MAX_KEPT || g_kept.contains(path))
+        g_kept[path] = {std::move(response), size, clock_ms()};
+}
+
+void files_tick() {
+    std::erase_if(g_kept, [](const auto &row) { return clock_ms() - row.second.made_at >= KEEP_MS; });
+}
+
+void files_close() {
+    g_kept.clear();
+}
+
+// --- answering ---
+
 // The answer to a file that is open; the descriptor goes with it.
-static MHD_Result send_open(MHD_Connection *conn, route what, int fd, const struct stat &st, const char *type,
-                            const char *cache) {
+static MHD_Result send_open(MHD_Connection *conn, route what, const std::string &path, int fd,
+                            const struct stat &st, const char *type, const char *cache) {
     std::string etag = file_etag(st);
     byte_range part = wanted_range(conn, st, etag);
     unsigned status = part.kind == range_kind::part            ? MHD_HTTP_PARTIAL_CONTENT
@@ -152,7 +194,10 @@ static MHD_Result send_open(MHD_Connection *conn, route what, int fd, const stru
         reply_header(response, MHD_HTTP_HEADER_CONTENT_RANGE, content_range(part, st));
     if (has_body)
         g_web_counts.body_bytes += count;
-    return reply_queue(conn, what, status, response.get());
+    MHD_Result result = reply_queue(conn, what, status, response.get());
+    if (status == MHD_HTTP_OK && what == route::segment)
+        keep_answer(path, std::move(response), count);
+    return result;
 }
 
 // The proxy opens the file itself, and answers to ranges and tags.
@@ -167,6 +212,11 @@ static MHD_Result send_accel(MHD_Connection *conn, route what, const std::string
 
 MHD_Result files_send(MHD_Connection *conn, route what, file_root *root, const std::string &path,
                       const char *type, const char *cache, const std::string *accel) {
+    bool may_be_kept = what == route::segment && !accel && wants_whole(conn);
+    if (const kept_answer *kept = may_be_kept ? find_kept(path) : nullptr) {
+        g_web_counts.body_bytes += kept->size;
+        return reply_queue(conn, what, MHD_HTTP_OK, kept->response.get());
+    }
     struct stat st;
     int fd = root_open_file(root, path, &st);
     if (fd < 0) {
@@ -179,7 +229,7 @@ MHD_Result files_send(MHD_Connection *conn, route what, file_root *root, const s
     bool is_young = what == route::segment && clock_wall() - st.st_mtim.tv_sec < YOUNG_SEC;
     const char *keep = is_young ? CACHE_YOUNG : cache;
     if (!accel)
-        return send_open(conn, what, fd, st, type, keep);
+        return send_open(conn, what, path, fd, st, type, keep);
     close(fd);
     return send_accel(conn, what, *accel + "/" + text_escape(path), type, keep);
 }

@@ -29,5 +29,9 @@ const char *files_page_type(std::string_view path);
 MHD_Result files_send(MHD_Connection *conn, route what, file_root *root, const std::string &path,
                       const char *type, const char *cache, const std::string *accel);
 
+// The loop's part: lets go of the files that were kept open for those who ask for the same within a second.
+void files_tick();
+void files_close();
+
 inline constexpr char CACHE_SEGMENT[] = "public, max-age=86400, immutable";
 inline constexpr char CACHE_PAGE[] = "no-cache";

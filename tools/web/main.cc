@@ -64,6 +64,7 @@ static int on_idle() {
         g_web.swept_at = clock_ms();
         shelf_tick();
         conns_tick();
+        files_tick();
     }
     // Its own time-outs, and the requests that nothing but this run resumes.
     if (shelf_has_woken() || is_due || http_wait_ms() == 0)
@@ -110,8 +111,9 @@ static MHD_Daemon *start_library(int listener) {
                             MHD_OPTION_CONNECTION_LIMIT, connection_limit(),                             //
                             MHD_OPTION_CONNECTION_MEMORY_LIMIT, REQUEST_ROOM,                            //
                             MHD_OPTION_CONNECTION_TIMEOUT, static_cast<unsigned>(g_web.opts.idle_tmout), //
-                            MHD_OPTION_UNESCAPE_CALLBACK, keep_escapes, nullptr,                         //
-                            MHD_OPTION_NOTIFY_CONNECTION, conns_notify, nullptr,                         //
+                            MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1, // or sendfile would not be used
+                            MHD_OPTION_UNESCAPE_CALLBACK, keep_escapes, nullptr, //
+                            MHD_OPTION_NOTIFY_CONNECTION, conns_notify, nullptr, //
                             MHD_OPTION_NOTIFY_COMPLETED, on_completed, nullptr, MHD_OPTION_END);
 }
 
@@ -185,6 +187,7 @@ static void stop() {
     if (g_web.http)
         MHD_stop_daemon(g_web.http);
     shelf_clear();
+    files_close();
     rqs_destroy();
     root_close(&g_web.data);
     root_close(&g_web.www);
