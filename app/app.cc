@@ -26,6 +26,7 @@
 #include <cstring>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 LOG_UNIT(LOG_MOD_APP);
 
@@ -254,8 +255,16 @@ static void free_texts(pl_source *src) {
 
 static int forget_master(void *sources, size_t i, void *master) {
     pl_source *src = static_cast<pl_source *>(sources) + i;
-    if (src->master == master)
-        src->master = nullptr;
+    auto *gone = static_cast<pl_source *>(master);
+    if (src->master != gone)
+        return 0;
+    // It is a backup again, with the prefix that the master had of it.
+    src->master = nullptr;
+    src->is_defunct = false;
+    if (!src->item_pfx)
+        std::swap(src->item_pfx, gone->item_pfx);
+    if (src->sockfd >= 0)
+        src->last_item_tm = idle_clock();
     return 0;
 }
 
@@ -373,6 +382,7 @@ static int register_source(int fd, const char *nametag, std::string_view tail, c
         return rc;
     }
     LOG(LL_INFO, "src[%s] fd%d (%p) created\n", nametag, fd, static_cast<void *>(src));
+    check_partner(src);
     feed_carried(src);
     return 0;
 }
@@ -395,8 +405,10 @@ static int create_source(const pl_urq *urq, const char *nametag, const char *tex
     return fd < 0 ? -1 : register_source(fd, nametag, {urq->tail, urq->tail_len}, &params);
 }
 
-// A backup that comes back under its name is a backup again.
-static void renew_role(pl_source *src) {
+// A backup that comes back under its name is a backup again, and needs a prefix when its own was taken over.
+static void renew_role(pl_source *src, const src_params &params) {
+    if (src->is_defunct && !src->item_pfx && params.pl_item_pfx[0])
+        src->item_pfx = strdup(params.pl_item_pfx);
     src->is_defunct = false;
     src->master = nullptr;
 }
@@ -409,9 +421,9 @@ static int restore_source(pl_source *src, const pl_urq *urq, const char *text) {
     }
     if (src->sockfd != -1)
         return NAME_IS_CONNECTED;
+    src_params params{};
     if (text && *text) {
         LOG(LL_INFO, "%s: new params=[%s]\n", "add_source", text);
-        src_params params{};
         if (get_src_params(text, &params) != 0)
             return -1;
         if (params.data_dir[0] && !can_be_answered(src->nametag, params.data_dir))
@@ -432,22 +444,26 @@ static int restore_source(pl_source *src, const pl_urq *urq, const char *text) {
     }
     stop_sending(src->sockfd);
     keep_tail(src, {urq->tail, urq->tail_len});
-    renew_role(src);
+    renew_role(src, params);
     LOG(LL_INFO, "src[%s] fd%d restored with params=[%s]\n", src->nametag, src->sockfd, text ? text : "");
     src->last_item_tm = idle_clock();
+    check_partner(src);
     feed_carried(src);
     return 0;
 }
 
 int add_source(pl_urq *urq, const char *nametag, const char *params) {
     LOG_FN(LL_DEBUG, "src[%s], params=[%s]\n", nametag, params ? params : "");
+    CHECK(g_ctx.src_ht);
+    pl_source *src = src_by_name(nametag);
     if (g_ctx.sources.len >= g_cfg.max_sources) {
         LOG(LL_ERROR, "Cannot add more sources, already at max=%zu/%zu\n", g_ctx.sources.len,
             g_cfg.max_sources);
+        if (src && src->sockfd < 0)
+            LOG_FN(LL_ERROR, "src[%s] is known, but not re-attached while the registry is full\n",
+                   src->nametag);
         return TOO_MANY_SOURCES;
     }
-    CHECK(g_ctx.src_ht);
-    pl_source *src = src_by_name(nametag);
     if (!src)
         return create_source(urq, nametag, params);
     LOG(LL_WARN, "src[%s] already exists (%p), fd%d\n", nametag, static_cast<void *>(src), src->sockfd);

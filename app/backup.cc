@@ -11,19 +11,48 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sys/stat.h>
 #include <unistd.h>
 
 LOG_UNIT(LOG_MOD_APP);
 
+static pl_source *backup_of(const pl_source *src, char (&name)[MAX_SRC_NAME]) {
+    snprintf(name, sizeof(name), "%c%.*s", BACKUP_MARK, static_cast<int>(sizeof(name) - 2), src->nametag);
+    CHECK(g_ctx.src_ht);
+    return src_by_name(name);
+}
+
 static pl_source *find_backup(const pl_source *src) {
     char name[MAX_SRC_NAME];
-    snprintf(name, sizeof(name), "%c%.*s", BACKUP_MARK, static_cast<int>(sizeof(name) - 2), src->nametag);
+    pl_source *bkup = backup_of(src, name);
     LOG(LL_DEBUG, "%s: is there bkup[%s] ?\n", "suspend_source", name);
-    CHECK(g_ctx.src_ht);
-    pl_source *bkup = src_by_name(name);
     if (!bkup)
         LOG(LL_INFO, "%s: no bkup[%s] source found, rc=%d\n", "suspend_source", name, ESRCH);
     return bkup;
+}
+
+static bool is_same_dir(const char *a, const char *b) {
+    struct stat sa;
+    struct stat sb;
+    return strcmp(a, b) == 0 ||
+           (stat(a, &sa) == 0 && stat(b, &sb) == 0 && sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino);
+}
+
+// Under its main's directory none of its files would be found.
+static bool shares_data_dir(const char *caller, const pl_source *src, const pl_source *bkup) {
+    if (is_same_dir(src_data_dir(src), src_data_dir(bkup)))
+        return true;
+    LOG(LL_ERROR, "%s: bkup src[%s] cannot take over: its data directory is [%s], that of src[%s] is [%s]\n",
+        caller, bkup->nametag, src_data_dir(bkup), src->nametag, src_data_dir(src));
+    return false;
+}
+
+void check_partner(const pl_source *src) {
+    char name[MAX_SRC_NAME];
+    bool is_backup = is_backup_name(src->nametag);
+    const pl_source *partner = is_backup ? src_by_name(src->nametag + 1) : backup_of(src, name);
+    if (partner)
+        shares_data_dir(__func__, is_backup ? partner : src, is_backup ? src : partner);
 }
 
 static void disconnect(pl_source *src) {
@@ -37,7 +66,8 @@ static void disconnect(pl_source *src) {
 
 int suspend_source(pl_source *src, int err) {
     LOG_FN(LL_INFO, "src[%s] fd%d, err=%d\n", src->nametag, src->sockfd, err);
-    src->last_item_tm = idle_clock();
+    if (!src->is_defunct)
+        src->last_item_tm = idle_clock();
     disconnect(src);
     if (is_backup_name(src->nametag)) {
         LOG(LL_WARN, "src[%s] suspended\n", src->nametag);
@@ -97,18 +127,19 @@ static int take_connection(pl_source *src, pl_source *bkup) {
     return 0;
 }
 
-int roll_over(pl_source *src, pl_source *bkup) {
-    // Whether or not the backup can take over, the stream breaks here.
-    add_discontinuity(src);
+static int take_over(pl_source *src, pl_source *bkup) {
     if (bkup->tasks.len > 0) {
-        LOG_FN(LL_ERROR, "bkup src[%s] has %zu active tasks\n", bkup->nametag, bkup->tasks.len);
+        LOG(LL_ERROR, "%s: bkup src[%s] has %zu active tasks\n", "roll_over", bkup->nametag, bkup->tasks.len);
         return -1;
     }
     if (bkup->sockfd < 0) {
-        LOG_FN(LL_WARN, "bkup src[%s] already suspended, cannot proceed\n", bkup->nametag);
+        LOG(LL_WARN, "%s: bkup src[%s] already suspended, cannot proceed\n", "roll_over", bkup->nametag);
         return -1;
     }
-    if (take_connection(src, bkup) != 0)
+    if (!shares_data_dir("roll_over", src, bkup))
+        return -1;
+    src->awaits_backup = take_connection(src, bkup) != 0;
+    if (src->awaits_backup)
         return -1;
     take_prefix(src, bkup);
     bkup->is_defunct = true;
@@ -118,4 +149,19 @@ int roll_over(pl_source *src, pl_source *bkup) {
     LOG(LL_INFO, "Roll-over from [%s]/fd%d to [%s]/fd%d completed\n", bkup->nametag, bkup->sockfd,
         src->nametag, src->sockfd);
     return 0;
+}
+
+int roll_over(pl_source *src, pl_source *bkup) {
+    // Whether or not the backup can take over, the stream breaks here.
+    add_discontinuity(src);
+    return take_over(src, bkup);
+}
+
+void retry_take_over(pl_source *src) {
+    if (!src->awaits_backup)
+        return;
+    src->awaits_backup = false;
+    pl_source *bkup = src->sockfd < 0 ? find_backup(src) : nullptr;
+    if (bkup && !bkup->is_defunct)
+        take_over(src, bkup);
 }

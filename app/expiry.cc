@@ -1,6 +1,7 @@
 #include "app/expiry.h"
 
 #include "app/app.h"
+#include "app/backup.h"
 #include "app/pl_stretch.h"
 #include "app/retry.h"
 #include "app/task.h"
@@ -72,6 +73,7 @@ static int check_task(void *tasks, size_t i) {
 int src_expired(void *sources, size_t i, void *) {
     pl_source *src = static_cast<pl_source *>(sources) + i;
     stretch_age(src);
+    retry_take_over(src);
     long idle = idle_clock() - src->last_item_tm;
     long limit = src->tmout_sec != 0 ? src->tmout_sec : g_cfg.src_tmout_sec;
     if (idle < limit) {

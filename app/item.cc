@@ -116,8 +116,7 @@ int verify_item_size(const char *data_dir, const char *path, off_t size) {
 using file_path = char[sizeof(g_cfg.data_dir) + MAX_ITEM_PATH + 1];
 
 static void mk_full_path(const pl_source *src, const char *path, file_path &full) {
-    snprintf(full, sizeof(full), "%s/%s", src->param.data_dir[0] ? src->param.data_dir : g_cfg.data_dir,
-             path);
+    snprintf(full, sizeof(full), "%s/%s", src_data_dir(src), path);
 }
 
 // A producer that writes under a name that could not be deleted yet wants to keep it.

@@ -154,6 +154,7 @@ struct pl_source {
     bool has_timer; // registered with the time-out registry
     bool is_hashed; // found by its name
     size_t tail_len;
+    bool awaits_backup;      // a take-over failed for want of a descriptor and is tried again
     uint32_t breaks;         // discontinuity markers that were ever put into `items`
     pl_stretches *stretches; // owned by pl_stretch: kept compressed text; null = none
 };
@@ -265,6 +266,10 @@ inline pl_item *older_item(const pl_item *item) {
 inline pl_source *src_by_name(const char *nametag) {
     void *found = nullptr;
     return skht_get(g_ctx.src_ht, nametag, &found) == 0 ? static_cast<pl_source *>(found) : nullptr;
+}
+// Where the source's files are: its own directory, or the configured one.
+inline const char *src_data_dir(const pl_source *src) {
+    return src->param.data_dir[0] ? src->param.data_dir : g_cfg.data_dir;
 }
 inline bool is_segment(const pl_item *item) {
     return item->le.tag.num == PL_SEG;

@@ -27,6 +27,7 @@ TEST_F(Registry, ParametersAndNamesThatAreRefused) {
         {"n6", in + dir + "/none", -1},
         {"n7", in + dir + "/file", -1},
         {"..", "", -1},
+        {"~", "", 0},
         {"a/../b", "", -1},
         {"a..b", "", 0},
         {std::string(63, 'n'), "", 0},
@@ -55,6 +56,7 @@ TEST_F(Registry, NoMoreSourcesThanMayBe) {
     EXPECT_EQ(connect("c"), -34);
     suspend_source(src, 0);
     EXPECT_EQ(connect("a"), -34) << "not even one that is known";
+    expect_logged("src[a] is known, but not re-attached");
     ASSERT_EQ(xvlst_del(&g_ctx.sources, static_cast<size_t>(src->idx), rm_src_rec), 0);
     EXPECT_EQ(source("c"), src) << "its slot is free again";
     // The table keeps its size when a reload allows more.
