@@ -99,9 +99,9 @@ int adjust_task(pl_task *task, bool must_trim) {
     bool is_moving = task->tag.num == PL_LIV || is_pseudo_live;
     if (!is_vod)
         task->ilast = newest_item(src);
+    bool is_end_reachable = is_moving && task->end_time > 0 && is_eot_reachable(src, task->end_time);
     if (is_moving)
-        move_window(task, must_trim, is_pseudo_live,
-                    task->end_time > 0 && is_eot_reachable(src, task->end_time));
+        move_window(task, must_trim, is_pseudo_live, is_end_reachable);
     if (is_vod) {
         detach_vod(task);
     } else {
@@ -115,8 +115,21 @@ int adjust_task(pl_task *task, bool must_trim) {
         let_go_of_items(task);
         return pprm_task(task);
     }
-    // A playlist that cannot be written is told by its writer and tried again; the feed goes on.
-    if (!is_vod && g_cfg.refresh_pl_files)
+    // Writing finishes an event, which then moves no more: not after its items have retired.
+    if (is_end_reachable && g_cfg.refresh_pl_files)
         mk_playlist(task);
     return 0;
+}
+
+static int write_moved(void *tasks, size_t i) {
+    pl_task *task = static_cast<pl_task *>(tasks) + i;
+    // A playlist that cannot be written is told by its writer and tried again; the feed goes on.
+    if (task->must_sync_playlist && task->tag.num != PL_VOD && task->pprm_idx < 0 && !task->is_eot)
+        mk_playlist(task);
+    return 0;
+}
+
+void write_moved_tasks(pl_source *src) {
+    if (g_cfg.refresh_pl_files && src->tasks.len > 0)
+        xvlst_each(&src->tasks, write_moved, nullptr);
 }

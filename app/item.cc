@@ -163,15 +163,6 @@ static int fill_segment(const pl_source *src, const item_data *data, const pl_it
     return 0;
 }
 
-// Keeps the longest duration known as long as the list tells it without being walked.
-static void note_added(pl_source *src, double sec) {
-    longest_item &longest = src->longest;
-    if (dlep_count(src->items) == 1 || (longest.count > 0 && sec > longest.sec))
-        longest = {.sec = sec, .count = 1};
-    else if (longest.count > 0 && sec == longest.sec)
-        ++longest.count;
-}
-
 // From the item on, since what was sorted in shifts the counts of all that are newer.
 static void count_breaks(pl_source *src, pl_item *item) {
     const pl_item *newer = newer_item(item);
@@ -204,6 +195,7 @@ static int trim(pl_source *src) {
     do {
         rc = apply_src_changes(src, src->total_sec > limit);
     } while (rc == 0 && src->total_sec > limit);
+    write_moved_tasks(src);
     return rc;
 }
 
@@ -232,7 +224,6 @@ int add_seg(pl_source *src, const item_data *data) {
         return -1;
     }
     src->total_sec += item->duration;
-    note_added(src, item->duration);
     LOG(LL_INFO, "added %s [%s]/%f m%zu  channel[%s] %s\n", src->manif.is_feeding ? "MANIF" : "LIVE",
         item->le.tag.sym, item->duration, item->mseq, src->nametag, item->path ? item->path : "(null)");
     return trim(src);
@@ -260,12 +251,6 @@ void recycle_segfile(pl_source *src, pl_item *item) {
     LOG_FN(LL_DEBUG, "[%s] is next to recycle\n", src->rcy_fpath);
 }
 
-static void note_retired(pl_source *src, double sec) {
-    longest_item &longest = src->longest;
-    if (longest.count > 0 && sec == longest.sec)
-        --longest.count;
-}
-
 static void retire_oldest(pl_source *src) {
     dlep_elem *tail = dlep_rmtail(src->items);
     CHECK(tail);
@@ -276,7 +261,6 @@ static void retire_oldest(pl_source *src) {
             item->mseq, item->duration, src->total_sec);
         recycle_segfile(src, item);
     }
-    note_retired(src, item->duration);
     stretch_retire(src, item);
     // An empty list weighs nothing, whatever rounding has left over.
     if (!newest_item(src))

@@ -113,16 +113,12 @@ void span_item(text_span *span, const pl_item *item) {
         span->reach = reach;
 }
 
-// Walks the window. Of a whole list the result is kept, so that the next playlist over it need not walk.
-static longest_item find_longest(const pl_task *task, size_t *items) {
-    longest_item longest{};
+static double window_longest(const pl_task *task, size_t *items) {
+    double longest = 0;
     *items = 0;
     for (const pl_item *item = task->ifirst;; item = newer_item(item)) {
         ++*items;
-        if (item->duration > longest.sec)
-            longest = {.sec = item->duration, .count = 1};
-        else if (item->duration == longest.sec)
-            ++longest.count;
+        longest = std::max(longest, item->duration);
         if (item == task->ilast || !item->le.next)
             return longest;
     }
@@ -141,16 +137,6 @@ static double span_longest(const pl_task *task, const text_spans *spans, size_t 
         item = span ? span->end : newer_item(item);
     }
     return longest;
-}
-
-static double window_longest(const pl_task *task, size_t *items) {
-    pl_source *src = task->src;
-    bool is_whole = task->ifirst == oldest_item(src) && task->ilast == newest_item(src);
-    *items = dlep_count(src->items);
-    longest_item longest = is_whole && src->longest.count > 0 ? src->longest : find_longest(task, items);
-    if (is_whole)
-        src->longest = longest;
-    return longest.sec;
 }
 
 void measure_window(const pl_task *task, const text_spans *spans, pl_totals *totals) {

@@ -122,27 +122,20 @@ struct manifest_ctx {
     bool must_sort;  // a start time went backwards: insert in order
 };
 
-// The longest duration of a list's items and how many have it; none = not known.
-struct longest_item {
-    double sec;
-    size_t count;
-};
-
 struct pl_stretches;
 
 struct pl_source {
     n32_tag tag; // PL_SRC
     char nametag[MAX_SRC_NAME];
-    ssize_t idx;          // slot in g_ctx.sources
-    int sockfd;           // -1 while suspended
-    time_t last_item_tm;  // idle clock's seconds (`idle_clock`); 1 = expire at the next check
-    ssize_t live_idx;     // shared live task, -1 = none
-    ssize_t vod_idx;      // shared VOD task, -1 = none
-    xvlst tasks;          // of pl_task
-    skht_t ev_ht;         // event keys -> taskref (owned, malloc)
-    dlep_t items;         // of pl_item, newest at the head
-    longest_item longest; // target duration of a playlist over the whole list
-    double total_sec;     // durations of the segment items
+    ssize_t idx;         // slot in g_ctx.sources
+    int sockfd;          // -1 while suspended
+    time_t last_item_tm; // idle clock's seconds (`idle_clock`); 1 = expire at the next check
+    ssize_t live_idx;    // shared live task, -1 = none
+    ssize_t vod_idx;     // shared VOD task, -1 = none
+    xvlst tasks;         // of pl_task
+    skht_t ev_ht;        // event keys -> taskref (owned, malloc)
+    dlep_t items;        // of pl_item, newest at the head
+    double total_sec;    // durations of the segment items
     src_params param;
     char *tail;        // owned, tail_len bytes: a partial line, or what followed the init line
     char *rcy_fpath;   // owned: the segment file to delete at the next retirement

@@ -80,27 +80,6 @@ TEST_F(PlFile, DurationsAsPrintfWritesThem) {
     EXPECT_TRUE(text.find(expected) == text.find("#EXTINF"));
 }
 
-// What is kept of the longest duration agrees with the list, through ties, markers and retirements.
-TEST_F(PlFile, TargetDurationOfAWholeListThatMoves) {
-    g_mod_ll[LOG_MOD_APP] = LL_ERROR;
-    std::mt19937 random(3);
-    pl_source *src = source("chan", "max_sec=100");
-    for (int n = 0; n < 2000; ++n) {
-        append(src,
-               {n % 400 == 399 ? 101.0f : static_cast<float>(random() % 12) * (random() % 4 ? 1.0f : 3.0f)});
-        if (!newest_item(src) || random() % 3 == 0)
-            continue;
-        double longest = 1;
-        for (const pl_item *at = oldest_item(src); at; at = newer_item(at))
-            longest = std::max(longest, at->duration);
-        pl_task *made = task(src, PL_VOD, false, oldest_item(src), newest_item(src));
-        ASSERT_EQ(mk_playlist(made), 0);
-        const std::string target = "TARGETDURATION:" + std::to_string(static_cast<int>(longest)) + "\n";
-        ASSERT_NE(read_file(made->fpath).find(target), std::string::npos) << n << ": " << target;
-        ASSERT_EQ(rm_task(made), 0);
-    }
-}
-
 TEST_F(PlFile, TargetDurationIsRoundedHalfToEven) {
     const std::pair<float, int> cases[] = {{10.4f, 10}, {10.5f, 10}, {11.5f, 12}, {0.5f, 1}, {-3, 1}};
     pl_source *src = source("chan", "max_sec=100");
