@@ -78,9 +78,16 @@ static int load_fixed(plum_cfg *cfg) {
     return appcfg_load_rt(GROUP, &cfg->rt);
 }
 
+// A relative path is below the directory of the start, which a daemon has left.
+static int load_path(const plum_cfg *cfg, const char *key, char *path, size_t size, const char *fallback) {
+    if (load_config_str(key, path, size - 1, fallback) != 0)
+        return -1;
+    return path[0] ? make_absolute(path, size, cfg->start_dir) : 0;
+}
+
 static int load_data_dir(plum_cfg *cfg) {
     char dir[sizeof(cfg->data_dir)];
-    if (load_config_str("lum.data_dir", dir, sizeof(dir) - 1, DEFAULT_DATA_DIR) != 0)
+    if (load_path(cfg, "lum.data_dir", dir, sizeof(dir), DEFAULT_DATA_DIR) != 0)
         return -1;
     if (dir_check(dir) != 0) {
         LOG(LL_ERROR, "%s: cannot accept [%s] as %s\n", "load_config", dir, "lum.data_dir");
@@ -184,6 +191,8 @@ static int load_reports(plum_cfg *cfg) {
     mdrep_cfg mdr{};
     if (load_config_bool("lum.md_report.enabled", &mdr.is_enabled, false) != 0)
         return -1;
+    if (!mdr.is_enabled)
+        config_skip("lum.md_report");
     if (mdr.is_enabled &&
         (load_required("lum.md_report.pub_url", mdr.url, sizeof(mdr.url)) != 0 ||
          load_report_ids(&mdr) != 0 ||
@@ -215,7 +224,7 @@ static int load_additions(plum_cfg *cfg) {
     if (load_seconds("lum.min_target_sec", &cfg->min_target_sec, 0, 0, 60) != 0 ||
         load_seconds("lum.keep_retired_sec", &cfg->keep_retired_sec, 0, 0, 604800) != 0 ||
         load_lock_mode(cfg) != 0 ||
-        load_config_str("lum.status_file", cfg->status_file, sizeof(cfg->status_file) - 1, "") != 0)
+        load_path(cfg, "lum.status_file", cfg->status_file, sizeof(cfg->status_file), "") != 0)
         return -1;
     return load_seconds("lum.status_sec", &cfg->status_sec, DEFAULT_STATUS_SEC, 1, 60);
 }
@@ -227,11 +236,16 @@ static int load_prefix(plum_cfg *cfg) {
 static int load_config(plum_cfg *cfg, bool reload) {
     if (!reload && load_fixed(cfg) != 0)
         return -1;
+    // Every key has a default, so that a file that is being rewritten would be as good as any.
+    if (!config_has_group(GROUP)) {
+        LOG_FN(LL_ERROR, "missing group %s\n", GROUP);
+        return -1;
+    }
     using loader = int (*)(plum_cfg *);
     for (loader load : {load_data_dir, load_prefix, load_limits, load_switches, load_reports, load_additions})
         if (load(cfg) != 0)
             return -1;
-    cfg->last_mtime = get_file_mtime(cfg->config_path, 0);
+    cfg->last_mtime = cfg->stamp.sec;
     if (reload)
         LOG_FN(LL_INFO, "configuration re-loaded, mtime=%ld\n", static_cast<long>(cfg->last_mtime));
     return 0;
@@ -251,12 +265,24 @@ static int store_path(plum_cfg *cfg, const char *path) {
     return 0;
 }
 
-int load_plum_config(const char *path, plum_cfg *cfg, bool reload) {
-    int rc = config_open(path);
-    if (rc == 0)
-        rc = store_path(cfg, path);
+static int load_opened(const char *path, plum_cfg *cfg, bool reload) {
+    int rc = store_path(cfg, path);
     if (rc == 0)
         rc = load_config(cfg, reload);
+    cfg_place place = config_last_place();
+    if (rc != 0 && !place.path.empty())
+        LOG(LL_ERROR, "%s: stopped at line %d of [%s]\n", "load_config", place.line, place.path.c_str());
+    return rc;
+}
+
+int load_plum_config(const char *path, plum_cfg *cfg, bool reload, unread_key_fn *on_unread, void *arg) {
+    int rc = config_open(path, cfg->start_dir);
+    if (config_stamp().sec != 0)
+        cfg->stamp = config_stamp();
+    if (rc == 0)
+        rc = load_opened(path, cfg, reload);
+    if (rc == 0 && on_unread)
+        config_visit_unread(on_unread, arg);
     config_close();
     if (rc != 0)
         LOG_FN(LL_ERROR, "FAILED (%d)\n", rc);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "app/plum.h"
+#include "lib/cfgtext.h"
 #include "lib/log.h"
 
 #include <cstdio>
@@ -17,9 +18,14 @@ int init_plum_config(plum_cfg *cfg);
 void config_plum_ifc(plum_cfg *cfg, size_t index, uint32_t tag, const char *path);
 bool has_rui_ifc(const plum_cfg *cfg, size_t index);
 
-// Reads the file at `path`. 0 or non-zero (logged). Values are stored as they are read, so what a failing
-// load did not reach keeps its value.
-int load_plum_config(const char *path, plum_cfg *cfg, bool reload);
+// Told of a key in the file that nothing has read.
+using unread_key_fn = void(const char *key, const cfg_place &place, void *arg);
+
+// Reads the file at `path`. 0 or non-zero (logged, with the file and line where it stopped). Values are
+// stored as they are read, so what a failing load did not reach keeps its value. After a first load that went
+// well, `on_unread` is told of the keys that mean nothing.
+int load_plum_config(const char *path, plum_cfg *cfg, bool reload, unread_key_fn *on_unread = nullptr,
+                     void *arg = nullptr);
 
 // Level of a record about a connection that ended with `err`: one that its peer closed is no failure.
 inline int hangup_level(int err) {

@@ -191,24 +191,31 @@ static void toggle_debug() {
         LOG(LL_DEBUG, "%s: now all DEBUG messages will be recorded\n", "process_signals");
 }
 
-// Whether the configuration file was touched. A busy loop does not look in every pass; it registers the look
-// that it owes as a time-out, so that it comes when the traffic stops.
+// A look that is still to come is registered as a time-out, so that it comes when the traffic stops.
+static void owe_config_look(bool is_owed) {
+    static bool is_registered = false;
+    if (is_owed && !is_registered)
+        set_timeout(TMO_CONFIG, CONFIG_LOOK_MS);
+    if (!is_owed && is_registered)
+        rm_timeout(TMO_CONFIG);
+    is_registered = is_owed;
+}
+
+// Whether the configuration file was touched. A busy loop does not look in every pass, and a file that was
+// touched a moment ago may not be finished.
 static bool is_config_touched() {
     static timespec last_look;
-    static bool is_owed = false;
     timespec gap;
     ms2timespec(CONFIG_LOOK_MS, &gap);
-    if (!timed_out(last_look, gap)) {
-        if (!is_owed)
-            set_timeout(TMO_CONFIG, CONFIG_LOOK_MS);
-        is_owed = true;
-        return false;
+    bool is_touched = false;
+    bool is_owed = !timed_out(last_look, gap);
+    if (!is_owed) {
+        rqs_set_now(&last_look);
+        is_touched = chk_file_stamp(g_cfg.config_path, &g_cfg.stamp, &is_owed);
+        g_cfg.last_mtime = g_cfg.stamp.sec;
     }
-    rqs_set_now(&last_look);
-    if (is_owed)
-        rm_timeout(TMO_CONFIG);
-    is_owed = false;
-    return chk_file_updated(g_cfg.config_path, &g_cfg.last_mtime);
+    owe_config_look(is_owed);
+    return is_touched;
 }
 
 static void process_signals() {

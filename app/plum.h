@@ -10,6 +10,7 @@
 #include "lib/dlep.h"
 #include "lib/gkh.h"
 #include "lib/tag.h"
+#include "lib/util.h"
 #include "lib/xvdat.h"
 
 #include <cstddef>
@@ -83,6 +84,8 @@ struct plum_cfg {
     mode_t lock_mode;      // permission bits of lock files
     char status_file[128]; // empty = none
     int status_sec;        // between two writings of it
+    file_stamp stamp;      // of the configuration file when it was last looked at
+    char start_dir[256];   // relative paths are below it; empty = the working directory
 };
 
 // --- sources and items ---

@@ -3,86 +3,119 @@
 #include "lib/check.h"
 #include "lib/log.h"
 #include "lib/strops.h"
-#include "lib/util.h"
 
-#include <cctype>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <string>
-#include <unistd.h>
 
 LOG_UNIT(LOG_MOD_APP);
 
 static config_t g_config;
 static bool g_is_open = false;
+static cfg_text g_text;
+static const config_setting_t *g_last = nullptr; // looked up
 
-// The file name of an include line, empty for any other line.
-static std::string included_path(const char *line) {
-    static constexpr char DIRECTIVE[] = "@include";
-    while (isblank(static_cast<unsigned char>(*line)))
-        ++line;
-    if (strncmp(line, DIRECTIVE, sizeof(DIRECTIVE) - 1) != 0)
-        return {};
-    const char *open_quote = strchr(line, '"');
-    const char *close_quote = open_quote ? strchr(open_quote + 1, '"') : nullptr;
-    return close_quote ? std::string(open_quote + 1, close_quote) : std::string();
-}
-
-// The parser ends the process when it is made to read a directory, so that what a file includes is looked at
-// before. Missing files and circles are left to the parser's own messages.
-static bool can_be_included(FILE *fp, int depth) {
-    static constexpr int MAX_DEPTH = 10;
-    char *line = nullptr;
-    size_t size = 0;
-    bool is_fine = true;
-    while (is_fine && depth < MAX_DEPTH && getline(&line, &size, fp) > 0) {
-        std::string path = included_path(line);
-        if (path.empty() || access(path.c_str(), F_OK) != 0)
-            continue;
-        FILE *included = fopen_regular(path.c_str());
-        is_fine = included && can_be_included(included, depth + 1);
-        if (included)
-            fclose(included);
-        else
-            LOG(LL_ERROR, "%s: cannot include [%s] ERROR(%d): %s\n", "config_open", path.c_str(), errno,
-                strerror(errno));
-    }
-    free(line);
-    rewind(fp);
-    return is_fine;
-}
-
-int config_open(const char *path) {
+int config_open(const char *path, const char *home) {
     CHECK(!g_is_open);
     config_init(&g_config);
     g_is_open = true;
-    FILE *fp = fopen_regular(path);
-    if (!fp) {
-        LOG_FN(LL_ERROR, "[%s] ERROR(%d): %s\n", path, errno, strerror(errno));
-        fprintf(stderr, "Failed to load [%s]\n", path);
+    g_last = nullptr;
+    if (cfgtext_read(path, home, &g_text) != 0)
         return -1;
-    }
-    int rc = can_be_included(fp, 0) ? 0 : -1;
-    if (rc == 0 && config_read(&g_config, fp) != CONFIG_TRUE) {
-        LOG(LL_ERROR, "Error reading/parsing config file [%s]: line %d: %s\n", path,
-            config_error_line(&g_config), config_error_text(&g_config));
-        rc = -1;
-    }
-    fclose(fp);
-    return rc;
+    if (config_read_string(&g_config, g_text.text.c_str()) == CONFIG_TRUE)
+        return 0;
+    cfgtext_report(cfgtext_place(g_text, config_error_line(&g_config)), config_error_text(&g_config));
+    return -1;
 }
 
 void config_close() {
     if (g_is_open)
         config_destroy(&g_config);
     g_is_open = false;
+    g_text = {};
+}
+
+file_stamp config_stamp() {
+    return g_text.stamp;
+}
+
+static cfg_place place_of(const config_setting_t *setting) {
+    return cfgtext_place(g_text, static_cast<int>(config_setting_source_line(setting)));
+}
+
+cfg_place config_last_place() {
+    return g_is_open && g_last ? place_of(g_last) : cfg_place{};
+}
+
+// --- what was looked up carries a mark ---
+
+static char g_mark;
+
+static void mark(config_setting_t *setting) {
+    config_setting_set_hook(setting, &g_mark);
+}
+
+static bool is_marked(const config_setting_t *setting) {
+    return config_setting_get_hook(setting) == &g_mark;
 }
 
 config_setting_t *config_find(const char *key) {
     CHECK(g_is_open);
-    return config_lookup(&g_config, key);
+    config_setting_t *setting = config_lookup(&g_config, key);
+    if (setting)
+        mark(setting);
+    g_last = setting;
+    return setting;
+}
+
+static config_setting_t *member(const config_setting_t *group, int i) {
+    return config_setting_get_elem(group, static_cast<unsigned>(i));
+}
+
+static void mark_below(config_setting_t *group) {
+    mark(group);
+    for (int i = 0; config_setting_is_group(group) && i < config_setting_length(group); ++i)
+        mark_below(member(group, i));
+}
+
+void config_skip(const char *key) {
+    if (config_setting_t *group = config_find(key))
+        mark_below(group);
+}
+
+static bool is_looked_up(const config_setting_t *setting) {
+    bool found = is_marked(setting);
+    for (int i = 0; !found && config_setting_is_group(setting) && i < config_setting_length(setting); ++i)
+        found = is_looked_up(member(setting, i));
+    return found;
+}
+
+// "GROUP.SUBGROUP.KEY" of a key inside a setting, for the messages.
+static void full_key(config_setting_t *setting, const char *key, char *out, size_t size) {
+    char path[256];
+    snprintf(out, size, "%s", key);
+    for (; setting && config_setting_name(setting); setting = config_setting_parent(setting)) {
+        snprintf(path, sizeof(path), "%s.%s", config_setting_name(setting), out);
+        snprintf(out, size, "%s", path);
+    }
+}
+
+static void visit_unread(config_setting_t *setting, void (*fn)(const char *, const cfg_place &, void *),
+                         void *arg) {
+    for (int i = 0; i < config_setting_length(setting); ++i) {
+        config_setting_t *one = member(setting, i);
+        if (!is_looked_up(one)) {
+            char key[256];
+            full_key(setting, config_setting_name(one), key, sizeof(key));
+            fn(key, place_of(one), arg);
+        } else if (config_setting_is_group(one)) {
+            visit_unread(one, fn, arg);
+        }
+    }
+}
+
+void config_visit_unread(void (*fn)(const char *key, const cfg_place &place, void *arg), void *arg) {
+    CHECK(g_is_open);
+    visit_unread(config_root_setting(&g_config), fn, arg);
 }
 
 bool config_has_group(const char *key) {
@@ -91,7 +124,8 @@ bool config_has_group(const char *key) {
 }
 
 static int wrong_type(const char *key, const config_setting_t *setting, const char *wanted) {
-    LOG_FN(LL_ERROR, "%s must be %s, line %d\n", key, wanted, config_setting_source_line(setting));
+    cfg_place place = place_of(setting);
+    LOG_FN(LL_ERROR, "%s must be %s, line %d of [%s]\n", key, wanted, place.line, place.path.c_str());
     return -1;
 }
 
@@ -140,16 +174,6 @@ static int take_string(const char *key, const config_setting_t *setting, char *b
 
 int load_config_str(const char *key, char *buf, size_t max, const char *fallback) {
     return take_string(key, config_find(key), buf, max, fallback);
-}
-
-// "GROUP.SUBGROUP.KEY" of a key inside a setting, for the messages.
-static void full_key(config_setting_t *setting, const char *key, char *out, size_t size) {
-    char path[256];
-    snprintf(out, size, "%s", key);
-    for (; setting && config_setting_name(setting); setting = config_setting_parent(setting)) {
-        snprintf(path, sizeof(path), "%s.%s", config_setting_name(setting), out);
-        snprintf(out, size, "%s", path);
-    }
 }
 
 int load_config_setting_str(config_setting_t *setting, const char *key, char *buf, size_t max,

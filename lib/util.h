@@ -8,6 +8,7 @@
 #include <ctime>
 #include <string_view>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 // --- process ---
@@ -68,10 +69,14 @@ int set_mem_limits(unsigned long rss, unsigned long vmem); // 0 = leave; rss tak
 // The first of dirs[i]/name that opens; its path stays in `buf`. A null entry ends the list.
 FILE *fopen_any(const char *name, const char *mode, size_t ndirs, const char *const *dirs, char *buf,
                 size_t size);
-// Opens a regular file for reading without ever waiting; null with errno set for anything else.
+// Opens a regular file for reading without ever waiting; -1 or null with errno set for anything else.
+int open_regular(const char *path);
 FILE *fopen_regular(const char *path);
 // Reads a whole file of at most `size` bytes; the bytes read, or -1.
 ssize_t read_file_buf(const char *path, void *buf, size_t size);
+// Puts `dir` before a relative path, unless `dir` is empty. 0; -1 (logged) when that does not fit `size`: the
+// path stays as it is then.
+int make_absolute(char *path, size_t size, const char *dir);
 // Creates the missing directories of the directory part of `path`, mode 0755.
 int mk_fpath_dirs(const char *path);
 // 0 when `dir` exists, is a directory and can be written; otherwise errno (logged). "/" is always fine.
@@ -81,6 +86,18 @@ time_t get_file_mtime(const char *path, int quiet);
 // Stores the modification time and returns true when it is later than the stored one. A file that cannot
 // be read is no change and keeps the stored time.
 bool chk_file_updated(const char *path, int64_t *mtime);
+// What tells one state of a file from the next.
+struct file_stamp {
+    int64_t sec; // of its last modification
+    long nsec;
+    off_t size;
+};
+file_stamp stamp_of(const struct stat &st);
+// Stores the stamp and returns true when the modification is later than the stored one, or as old with
+// another size. A file that cannot be read is no change, and neither is one whose last modification is not
+// settled: it may be followed by another that its time does not tell. Both keep the stored stamp; the second
+// sets `is_unsettled`.
+bool chk_file_stamp(const char *path, file_stamp *stamp, bool *is_unsettled);
 int get_stat_mode(int fd, mode_t *mode);
 const char *pick_first_file(const char *const *paths, size_t n); // the first that exists, or null
 int close_pipe(int fds[2]);

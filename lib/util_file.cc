@@ -42,16 +42,20 @@ FILE *fopen_any(const char *name, const char *mode, size_t ndirs, const char *co
     return nullptr;
 }
 
-FILE *fopen_regular(const char *path) {
+int open_regular(const char *path) {
     fd_guard file(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     struct stat st;
     if (file.fd < 0 || fstat(file.fd, &st) != 0)
-        return nullptr;
-    if (!S_ISREG(st.st_mode)) {
-        errno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
-        return nullptr;
-    }
-    FILE *fp = fdopen(file.fd, "r");
+        return -1;
+    if (S_ISREG(st.st_mode))
+        return file.release();
+    errno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+    return -1;
+}
+
+FILE *fopen_regular(const char *path) {
+    fd_guard file(open_regular(path));
+    FILE *fp = file.fd < 0 ? nullptr : fdopen(file.fd, "r");
     if (fp)
         file.release();
     return fp;
@@ -76,6 +80,18 @@ ssize_t read_file_buf(const char *path, void *buf, size_t size) {
     if (n >= 0 && static_cast<size_t>(n) < whole)
         LOG_FN(LL_ERROR, "[%s] under-read: %ld/%ld\n", path, static_cast<long>(n), static_cast<long>(whole));
     return n;
+}
+
+int make_absolute(char *path, size_t size, const char *dir) {
+    if (path[0] == '/' || dir[0] == '\0')
+        return 0;
+    const std::string relative = path;
+    const int n = join_path(dir, relative.c_str(), path, size);
+    if (n >= 0 && static_cast<size_t>(n) < size)
+        return 0;
+    LOG_FN(LL_ERROR, "[%s/%s] is too long (%d bytes), max=%zu bytes\n", dir, relative.c_str(), n, size - 1);
+    memcpy(path, relative.c_str(), relative.size() + 1);
+    return -1;
 }
 
 static int mk_one_dir(const char *dir) {
@@ -149,6 +165,38 @@ bool chk_file_updated(const char *path, int64_t *mtime) {
     const bool is_later = st.st_mtime > *mtime;
     *mtime = st.st_mtime;
     return is_later;
+}
+
+file_stamp stamp_of(const struct stat &st) {
+    return {st.st_mtim.tv_sec, st.st_mtim.tv_nsec, st.st_size};
+}
+
+// A time stamp is as fine as the system's tick, or a second where a file system keeps no fractions.
+static bool is_settled(const file_stamp &stamp) {
+    static constexpr int64_t TICK_NS = 50'000'000;
+    static constexpr int64_t SEC_NS = 1'000'000'000;
+    timespec now;
+    if (clock_gettime(CLOCK_REALTIME, &now) != 0 || now.tv_sec - stamp.sec > 2 || stamp.sec > now.tv_sec)
+        return true;
+    int64_t age_ns = (now.tv_sec - stamp.sec) * SEC_NS + now.tv_nsec - stamp.nsec;
+    return age_ns < 0 || age_ns >= (stamp.nsec == 0 ? SEC_NS : TICK_NS);
+}
+
+bool chk_file_stamp(const char *path, file_stamp *stamp, bool *is_unsettled) {
+    struct stat st;
+    *is_unsettled = false;
+    if (stat(path, &st) != 0)
+        return false;
+    const file_stamp seen = stamp_of(st);
+    const bool is_later = seen.sec != stamp->sec ? seen.sec > stamp->sec : seen.nsec > stamp->nsec;
+    const bool is_same_time = seen.sec == stamp->sec && seen.nsec == stamp->nsec;
+    const bool is_changed = is_later || (is_same_time && seen.size != stamp->size);
+    if (is_changed && !is_settled(seen)) {
+        *is_unsettled = true;
+        return false;
+    }
+    *stamp = seen;
+    return is_changed;
 }
 
 int get_stat_mode(int fd, mode_t *mode) {

@@ -3,7 +3,6 @@
 #include "tests/capture.h"
 
 #include <sys/stat.h>
-#include <vector>
 
 class Config : public testing::Test {
   protected:
@@ -35,7 +34,7 @@ TEST_F(Config, NumbersAndBooleansOfTheRightTypeOnly) {
         EXPECT_EQ(load_config_int(c.key, &value, 42), c.rc) << c.key;
         EXPECT_EQ(value, c.value) << c.key;
     }
-    EXPECT_TRUE(log.has("lum.f must be an integer, line 2\n"));
+    EXPECT_TRUE(log.has("lum.f must be an integer, line 2 of [" + path + "]\n"));
     bool value = true;
     EXPECT_EQ(load_config_bool("lum.neg", &value, false), -1);
     EXPECT_TRUE(value);
@@ -67,50 +66,66 @@ TEST_F(Config, StringsUpToTheirLength) {
     EXPECT_STREQ(buf, "kept");
 }
 
-TEST_F(Config, SizesWithSuffixesAndLists) {
-    ASSERT_EQ(open("lum: { n = 4096; m = \"1.5m\"; neg = -1; bad = \"12x\"; negtext = \"-2K\";\n"
-                   "huge = \"99999999999G\"; list = (\"a\", \"\", \"b\"); mixed = (\"a\", 1); };"),
-              0);
-    struct {
-        const char *key;
-        int rc;
-        size_t value;
-    } sizes[] = {{"n", 0, 4096}, {"m", 0, 1572864},  {"absent", 0, 42}, {"neg", -1, 1},
-                 {"bad", -1, 1}, {"negtext", -1, 1}, {"huge", -1, 1}};
-    for (auto &c : sizes) {
-        size_t value = 1;
-        EXPECT_EQ(load_config_setting_size(config_find("lum"), c.key, &value, 42), c.rc) << c.key;
-        EXPECT_EQ(value, c.value) << c.key;
-    }
-    std::vector<std::string> got;
-    auto add = [](const char *text, void *arg) { static_cast<decltype(got) *>(arg)->push_back(text); };
-    EXPECT_EQ(load_config_string_list("lum.mixed", add, &got), -1);
-    EXPECT_EQ(load_config_string_list("lum.none", add, &got), 0);
-    EXPECT_TRUE(got.empty());
-    EXPECT_EQ(load_config_string_list("lum.list", add, &got), 3);
-    EXPECT_EQ(got, (std::vector<std::string>{"a", "", "b"}));
-}
-
 TEST_F(Config, FilesThatAreNoConfiguration) {
-    int fd = next_fd();
+    const int fd = next_fd();
     EXPECT_EQ(config_open((dir / "none").c_str()), -1);
     EXPECT_EQ(open("a = 1;\nlum: { b = ; };"), -1);
     EXPECT_TRUE(log.has("Error reading/parsing config file [" + path + "]: line 2: syntax error\n"));
+    // What cannot be read to its end never reaches the parser, which would end the process.
+    ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
+    write_file(dir / "huge", std::string(CFG_TEXT_MAX + 1, ' '));
+    for (const std::string &what : {dir.path, dir / "fifo", dir / "huge", std::string("/proc/self/mem")}) {
+        config_close();
+        EXPECT_EQ(config_open(what.c_str()), -1) << what;
+        EXPECT_EQ(open("lum: {\n@include \"" + what + "\"\n};"), -1) << what;
+        EXPECT_TRUE(log.has("[" + path + "]: line 2: cannot include [" + what + "] ERROR("));
+    }
     config_close();
     EXPECT_EQ(next_fd(), fd);
-    // What is no regular file is refused before the parser, which would end the process, gets to read it.
-    ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
-    const std::string include_inner = "lum: {\n@include \"" + (dir / "inner") + "\"\n};";
-    for (const std::string &what : {dir.path, dir / "fifo"}) {
-        auto read_it = [&] { _exit(config_open(what.c_str()) == -1 ? 0 : 1); };
-        EXPECT_EXIT(read_it(), testing::ExitedWithCode(0), "Failed to load");
-        write_file(dir / "inner", "  @include \"" + what + "\"\n");
-        auto include_it = [&] { _exit(open(include_inner) == -1 ? 0 : 1); };
-        EXPECT_EXIT(include_it(), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(Config, FaultsAndSettingsAreFoundInTheFileThatHoldsThem) {
+    config_close();
+    const std::string inner = dir / "inner";
+    const std::string include = "@include \"inner\"";
+    const struct {
+        std::string outer, inner, fault; // what follows "[FILE]: line "; none = fine, and `n` is 5
+    } cases[] = {
+        {"\n" + include + " m = 1;\n", "n = 5;", ""},
+        {" \t" + include + include + "\n", "# n = 5;", ""},
+        {"/* \n" + include + "\n*/ n = 5;", "n = ;", ""},
+        {"n = 5; s = \"\n" + include.substr(0, 9) + " \\\" // \n\";", "n = ;", ""},
+        {"k = 5;\n" + include + "\n", "m = 1;\n\nn = ;", inner + "]: line 3: syntax error"},
+        {include + "\n\nn = ;", "m = 1;", path + "]: line 3: syntax error"},
+        {include, "/* n = 5;", inner + "]: line 1: "},
+        {include, include, inner + "]: line 1: cannot include [" + inner + "] ERROR(40)"},
+        {include.substr(0, 14), "", path + "]: line 1: "},
+        {std::string("n = 5;\n\0", 8), "", path + "]: line 2: a zero byte"},
+    };
+    for (const auto &one : cases) {
+        write_file(path, one.outer);
+        write_file(inner, one.inner);
+        log.take();
+        EXPECT_EQ(config_open(path.c_str(), dir.path.c_str()), one.fault.empty() ? 0 : -1) << one.outer;
+        int64_t value = 0;
+        if (one.fault.empty())
+            EXPECT_TRUE(load_config_int("n", &value, 5) == 0 && value == 5) << one.outer;
+        else
+            EXPECT_TRUE(log.has("[" + one.fault));
+        config_close();
     }
-    write_file(dir / "inner", "n = 5;\n");
-    EXPECT_EQ(open(include_inner), 0);
+    write_file(path, "\n" + include + "\ng: { skip = { a = 1; }; b = { c = 1; d = 2; }; };");
+    write_file(inner, "\nn = \"x\"; m = 1;");
+    ASSERT_EQ(config_open(path.c_str(), dir.path.c_str()), 0);
     int64_t value = 0;
-    EXPECT_EQ(load_config_int("lum.n", &value, 1), 0);
-    EXPECT_EQ(value, 5);
+    EXPECT_EQ(load_config_int("n", &value, 1), -1);
+    EXPECT_TRUE(config_last_place().path == inner && config_last_place().line == 2);
+    EXPECT_EQ(load_config_int("g.b.d", &value, 1), 0);
+    config_skip("g.skip");
+    std::string unread;
+    auto add = [](const char *key, const cfg_place &place, void *arg) {
+        *static_cast<std::string *>(arg) += key + (":" + std::to_string(place.line)) + " ";
+    };
+    config_visit_unread(add, &unread);
+    EXPECT_EQ(unread, "m:2 g.b.c:3 ");
 }
