@@ -6,6 +6,7 @@
 #include "app/mdr.h"
 #include "app/options.h"
 #include "app/rq.h"
+#include "app/startup.h"
 #include "app/task.h"
 #include "common/meta.h"
 #include "lib/check.h"
@@ -257,16 +258,6 @@ static int report_getcwd() {
     return -1;
 }
 
-// A daemon leaves its directory: the configuration must be found again by a reload.
-static void pin_config_path(const char *cwd) {
-    char path[sizeof(g_cfg.config_path)];
-    if (g_cfg.config_path[0] == '/')
-        return;
-    int n = snprintf(path, sizeof(path), "%s/%s", cwd, g_cfg.config_path);
-    if (n > 0 && n < static_cast<int>(sizeof(path)))
-        memcpy(g_cfg.config_path, path, sizeof(path));
-}
-
 static int become_daemon() {
     if (g_cfg.log.path[0] == '\0') {
         LOG(LL_ERROR, "Logfile must be specified to run as daemon\n");
@@ -275,15 +266,21 @@ static int become_daemon() {
     char cwd[256];
     if (!getcwd(cwd, sizeof(cwd)))
         return report_getcwd();
-    int rc = daemonize();
+    int rc = pin_paths(cwd);
+    if (rc == 0)
+        rc = check_as_daemon();
+    if (rc != 0)
+        return rc;
+    rc = daemonize();
     if (rc != 0) {
         log_default(&g_log, stderr);
         LOG(LL_ERROR, "Failed to make the process a daemon, quitting.\n");
         return rc;
     }
-    pin_config_path(cwd);
     if (g_cfg.rt.user[0])
         rc = run_as_user(g_cfg.rt.user);
+    if (rc == 0 && dir_check(g_cfg.data_dir) != 0)
+        rc = -1;
     if (rc == 0 && geteuid() != 0)
         rc = goto_runtime_home(cwd, FALLBACK_HOME);
     return rc;
@@ -369,7 +366,8 @@ static int runtime_setup() {
     if (rc != 0)
         return rc;
     using step = int (*)();
-    for (step next : {detach, open_log, open_ring, settle, lift_limits, tell_runtime, pin_processor})
+    for (step next :
+         {check_sockets, detach, open_log, open_ring, settle, lift_limits, tell_runtime, pin_processor})
         if ((rc = next()) != 0)
             break;
     if (rc != 0)
@@ -403,7 +401,7 @@ static void remove_pidfile() {
         return;
     ssize_t n = read_file_buf(g_cfg.rt.pidfile, text, sizeof(text) - 1);
     pid_t owner = n > 0 ? atoi(text) : 0;
-    bool is_others = owner > 0 && owner != getpid() && kill(owner, 0) == 0;
+    bool is_others = owner > 0 && owner != getpid() && (kill(owner, 0) == 0 || errno == EPERM);
     if (!is_others)
         unlink(g_cfg.rt.pidfile);
 }

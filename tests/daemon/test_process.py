@@ -3,6 +3,7 @@ import os
 import pwd
 import re
 import signal
+import socket
 import subprocess
 import time
 
@@ -60,16 +61,25 @@ def is_gone(pid):
 @as_root
 @pytest.mark.parametrize("user, signo", [("", signal.SIGTERM), ("nobody", signal.SIGQUIT)])
 def test_daemon(make, user, signo):
-    d = make(runtime={"non_daemon": False, "quiet": False, "run_as_user": user, "pidfile": "placeholder"})
+    d = make(runtime={"non_daemon": False, "quiet": False, "run_as_user": user, "pidfile": "pid"}, data_dir="data",
+             log={"file": "log"}, src_socket="src", pl_socket="pl")
     for name in (d.dir, d.data):
         os.chmod(name, 0o777)
-    d.write_config(runtime={"pidfile": d.path("pid")})
-    d.launch("-C", "lum.conf")
+    for name in (d.src_sock, d.pl_sock):  # what a killed daemon leaves
+        with socket.socket(socket.AF_UNIX) as sock:
+            sock.bind(name)
+    d.launch("-C", "lum.conf", preexec_fn=(lambda: os.closerange(0, 3)) if user else None)
     assert d.proc.wait(LIMIT) == 0
     d.proc = None
     d.wait_log("STARTING. PID=")
     pid = int(d.read(d.path("pid")))
+    before = set(os.listdir(d.dir))
     try:
+        for args in ((), ("-T", "-S", d.path("other"))):
+            said = d.refuse("-C", "lum.conf", *args)
+            assert re.search(rf"\[{'pl' if args else 'src'}\] is in use by process {pid}\n", said)
+        assert set(os.listdir(d.dir)) == before and int(d.read(d.path("pid"))) == pid and not d.rotated()
+        os.truncate(d.path("stderr"), 0)
         fds = fd_targets(pid)
         assert [fds[fd] for fd in range(3)] == ["/dev/null"] * 3
         assert sum(target == d.log for target in fds.values()) == 1
@@ -85,9 +95,14 @@ def test_daemon(make, user, signo):
         os.chmod(src.segment().full, 0o644)
         src.feed(1)
         assert d.ask("T1 LIV chan").path
-        d.write_config(max_live_items=9)
+        with open(d.conf, "w") as conf:
+            conf.write('lum: {\n@include "inner"\n};')
+        with open(d.path("inner"), "w") as inner:
+            inner.write('data_dir = "data/deep"; max_live_items = 9;')
+        os.mkdir(d.path("data", "deep"), 0o777)
+        os.chmod(d.path("data", "deep"), 0o777)
         os.kill(pid, signal.SIGHUP)
-        d.wait_log(r"Configuration reloaded(.|\n)*max live items       = 9\n")
+        d.wait_log(rf"reloaded from \[{d.conf}(.|\n)*{d.data}/deep\](.|\n)*max live items       = 9\n")
         os.kill(pid, signal.SIGUSR1)
         until(d.rotated, "the rotated log")
         d.wait_log("Successfully force-rotated")
@@ -101,10 +116,23 @@ def test_daemon(make, user, signo):
 
 def test_failed_start_ends_in_order(make):
     d = make(src_socket="/no/such/dir/socket")
-    d.launch()
-    code = d.proc.wait(LIMIT)
-    d.proc = None
-    assert code != 0 and re.search(rf"EXIT\({code}\)", d.log_text()) and "lumo shut down\n" in d.log_text()
+    assert re.search(r"lumo shut down\n(.|\n)*EXIT\(1\)", d.refuse())
+    with open(d.path("text"), "w") as text:
+        text.write("keep")
+    assert "is there and is no socket" in d.refuse("-C", d.conf, "-S", d.path("text"))
+    assert d.read(d.path("text")) == "keep"
+
+@as_root
+@pytest.mark.parametrize("args, fault", [
+    (["-D", "no"], r"data directory \[.*/no\] cannot"), (["-l", "no/log"], r"log \[.*/no/log\] cannot"),
+    (["-p", "data"], r"pid file \[.*/data\] cannot"), (["-Y", "no/pl"], r"socket \[.*/no/pl\] cannot"),
+    (["-p", ""], "Pid file must be"), (["-S", "s" * 103], r"sss\] is too long \(\d+ bytes\), max=103 bytes\n"),
+    ([], r"data directory \[.*/data\] cannot")])
+def test_a_daemon_tells_what_it_cannot_write_before_it_detaches(make, args, fault):
+    d = make(runtime={"non_daemon": False, "run_as_user": "" if args else "nobody", "pidfile": "pid"})
+    os.chmod(d.dir, 0o755)
+    assert re.search(fault, d.refuse("-C", d.conf, *args))
+    assert not os.path.exists(d.log) and not os.path.exists(d.path("pid"))
 
 # --- reload ---
 
@@ -144,10 +172,14 @@ def test_failed_reload_keeps_running(lumo):
         assert "Configuration reloaded" not in d.log_text()
         src.feed(1)
         assert len(d.ask("T1 LIV chan").playlist.items) == src.count
-    with open(d.conf, "w") as out:
-        out.write(good)
-    d.proc.send_signal(signal.SIGHUP)
-    d.wait_log("Configuration reloaded")
+    # Caught while it is rewritten in place, in one second.
+    later = (int(time.time()) + 5) * 10**9
+    for count, (text, record) in enumerate((("", "missing group lum"), (good, "Configuration reloaded"))):
+        with open(d.path("new"), "w") as out:
+            out.write(text)
+        os.utime(d.path("new"), ns=(later, later + count))
+        os.rename(d.path("new"), d.conf)
+        d.wait_log(record, poke=True)
 
 @pytest.mark.parametrize("level, tags", [("err", {"ERR"}), ("dbg", {"ERR", "WRN", "NRM", "INF", "DBG"})])
 def test_log_level_from_the_command_line(make, level, tags):
