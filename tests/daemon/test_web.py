@@ -291,6 +291,9 @@ def test_crowds_and_bad_connections(chan):
     assert w.metric("lumo_web_connections") >= 1000
     for sock in idle + halves:
         sock.close()
+    # The end right behind half a request.
+    for _ in range(50):
+        w.raw(b"GET /chan/li").close()
     until(lambda: w.metric("lumo_web_connections") < 10, "the connections' end")
 
 def test_trickling_connections_are_closed(fake):

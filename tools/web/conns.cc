@@ -3,16 +3,20 @@
 #include "tools/web/clock.h"
 #include "tools/web/reply.h"
 
+#include <algorithm>
 #include <sys/socket.h>
+
+static constexpr int64_t LOOK_MS = 5000;
 
 struct viewer {
     viewer *prev, *next;
     MHD_Connection *conn;
-    int64_t since; // the last whole request, or the connection's begin
-    bool is_busy;  // a request is being answered
+    int64_t since;   // the last whole request, or the connection's begin
+    int64_t look_at; // when it is looked at next
+    bool is_busy;    // a request is being answered
 };
 
-// In order of `since`, oldest first.
+// In order of `look_at`.
 static struct {
     viewer ends;
     int64_t idle_ms;
@@ -28,8 +32,8 @@ static void unlink_viewer(viewer *one) {
     one->next->prev = one->prev;
 }
 
-static void append_now(viewer *one) {
-    one->since = clock_ms();
+static void append(viewer *one) {
+    one->look_at = clock_ms() + std::min(LOOK_MS, g_conns.idle_ms);
     one->next = &g_conns.ends;
     one->prev = g_conns.ends.prev;
     one->prev->next = one->next->prev = one;
@@ -37,8 +41,8 @@ static void append_now(viewer *one) {
 
 void conns_notify(void *, MHD_Connection *conn, void **context, MHD_ConnectionNotificationCode code) {
     if (code == MHD_CONNECTION_NOTIFY_STARTED) {
-        auto one = new viewer{nullptr, nullptr, conn, 0, false};
-        append_now(one);
+        auto one = new viewer{nullptr, nullptr, conn, clock_ms(), 0, false};
+        append(one);
         *context = one;
         ++g_web_counts.connections;
         return;
@@ -62,21 +66,28 @@ void conns_begin(MHD_Connection *conn) {
 void conns_end(MHD_Connection *conn) {
     viewer *one = viewer_of(conn);
     one->is_busy = false;
-    unlink_viewer(one);
-    append_now(one);
+    one->since = clock_ms();
+}
+
+// The library misses the end of a connection that came together with the last of its data.
+static bool has_hung_up(int fd) {
+    char byte;
+    return recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
+}
+
+static void look_at(viewer *one) {
+    auto info = MHD_get_connection_info(one->conn, MHD_CONNECTION_INFO_CONNECTION_FD);
+    if (one->is_busy || !info)
+        return;
+    if (clock_ms() - one->since >= g_conns.idle_ms || has_hung_up(info->connect_fd))
+        shutdown(info->connect_fd, SHUT_RDWR); // which the library notices
 }
 
 void conns_tick() {
-    viewer *last = g_conns.ends.prev;
-    while (g_conns.ends.next != &g_conns.ends && clock_ms() - g_conns.ends.next->since >= g_conns.idle_ms) {
+    while (g_conns.ends.next != &g_conns.ends && clock_ms() >= g_conns.ends.next->look_at) {
         viewer *one = g_conns.ends.next;
-        bool is_last = one == last;
-        auto info = MHD_get_connection_info(one->conn, MHD_CONNECTION_INFO_CONNECTION_FD);
-        if (!one->is_busy && info)
-            shutdown(info->connect_fd, SHUT_RDWR); // the library notices, and closes it
+        look_at(one);
         unlink_viewer(one);
-        append_now(one);
-        if (is_last)
-            break;
+        append(one);
     }
 }

@@ -1,5 +1,6 @@
 // The viewers' connections: how many there are, and the end of those that do not finish a request. The HTTP
-// library closes a connection that is silent; one that sends a byte now and then is closed here.
+// library closes a connection that is silent; one that sends a byte now and then, or that the peer has given
+// up without the library's notice, is closed here.
 #pragma once
 
 #include <microhttpd.h>
