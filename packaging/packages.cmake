@@ -43,9 +43,9 @@ picks a recording up again after a restart.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME lumo-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "lumo (= ${PROJECT_VERSION}-${LUMO_PACKAGE_RELEASE}), ffmpeg")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "feeder and web front end for lumo
-Puts channels on air with lumo: lumo-feed runs ffmpeg and reports its segments,
-lumo-web serves playlists, segments and a player page, lumo-top shows what every
-channel is doing.")
+Puts channels on air with lumo: lumo-feed runs ffmpeg and reports its
+segments, lumo-web serves playlists, segments and a page that plays them, and
+lumo-top shows what every channel is doing.")
 
 # What belongs to a package and to no installation by hand.
 foreach(component ${CPACK_COMPONENTS_ALL})

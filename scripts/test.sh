@@ -3,6 +3,7 @@
 #   sources   layering, and the share of tests
 #   release   everything built and tested, optimised
 #   sanitize  the same under AddressSanitizer and UndefinedBehaviorSanitizer
+#   package   the Debian packages in a fresh system; needs root
 # Installs what is missing first. The exit status is 0 when all passed.
 set -eu
 cd "$(dirname "$0")/.."
@@ -21,8 +22,9 @@ in_preset() {
 
 group_release() { in_preset release; }
 group_sanitize() { in_preset sanitize; }
+group_package() { scripts/test-package.sh; }
 
-known='sources release sanitize'
+known='sources release sanitize package'
 # shellcheck disable=SC2086 # a list of words
 [ $# -gt 0 ] || set -- $known
 for group; do
