@@ -8,6 +8,13 @@
 
 LOG_UNIT(LOG_MOD_APP);
 
+// A time shift needs what lies before its start too: a player holds three target durations back from it.
+static bool has_time_to_spare(const pl_task *task) {
+    double rest = task->window_sec - task->ifirst->duration;
+    return newer_item(task->ifirst) &&
+           rest >= static_cast<double>(task->shift_sec) + 3.0 * task->src->target_sec;
+}
+
 bool must_advance_ifirst(const pl_task *task) {
     const pl_source *src = task->src;
     bool must = false;
@@ -27,6 +34,9 @@ bool must_advance_ifirst(const pl_task *task) {
         LOG_FN(LL_DEBUG, "%s%u %zu..%zu (d=%zu max=%zu)\n", task->tag.sym, task->tseq, task->ifirst->mseq,
                task->ilast->mseq, d, g_cfg.max_live_items);
     }
+    // A strict event from a clock time begins where it began, until that retires.
+    if (must && task->is_strict && task->tag.num == PL_EVE)
+        must = task->shift_sec > 0 && (!task->peer_tag || has_time_to_spare(task));
     LOG_FN(LL_DEBUG, "%s%u %s\n", task->tag.sym, task->tseq, must ? "ADVANCE" : "skip");
     return must;
 }
@@ -46,6 +56,8 @@ static void advance_ifirst(pl_task *task) {
     } else {
         reach = {};
     }
+    task->lead_sec -= task->ifirst->duration;
+    task->window_sec -= task->ifirst->duration;
     task->ifirst = next;
     LOG(LL_DEBUG, "%s: advancing ifirst to mseq=%zu\n", "adjust_task", next->mseq);
 }
@@ -54,13 +66,25 @@ static void move_window(pl_task *task, bool must_trim, bool is_pseudo_live, bool
     // A window never begins on the item that is about to go.
     if (must_advance_ifirst(task) || (must_trim && task->ifirst == oldest_item(task->src)))
         advance_ifirst(task);
-    if (is_pseudo_live && is_end_reachable) {
+    // Markers took turns that segments did not get.
+    while (task->is_strict && task->shift_sec > 0 && task->peer_tag && must_advance_ifirst(task))
+        advance_ifirst(task);
+    // A strict list ends with what is written: it never shrinks to what the duration reaches.
+    if (is_pseudo_live && is_end_reachable && !task->is_strict) {
         LOG(LL_DEBUG, "%s: shift-to EOT duration=%ld\n", "adjust_task", task->duration);
         task->ilast = reach_end(task);
     }
     LOG(LL_DEBUG, "%s: %s%u %s/%s [%s] is mseq=%zu..%zu now\n", "adjust_task", task->tag.sym, task->tseq,
         task->src->nametag, task->tag.sym, is_pseudo_live ? "pseudo-live" : "", task->ifirst->mseq,
         task->ilast->mseq);
+}
+
+static void follow_newest(pl_task *task) {
+    pl_item *newest = newest_item(task->src);
+    if (task->shift_sec > 0)
+        for (const pl_item *item = task->ilast; item != newest; item = newer_item(item))
+            task->window_sec += newer_item(item)->duration;
+    task->ilast = newest;
 }
 
 static void let_go_of_items(pl_task *task) {
@@ -98,7 +122,7 @@ int adjust_task(pl_task *task, bool must_trim) {
     bool is_pseudo_live = task->tag.num == PL_EVE && task->is_live;
     bool is_moving = task->tag.num == PL_LIV || is_pseudo_live;
     if (!is_vod)
-        task->ilast = newest_item(src);
+        follow_newest(task);
     bool is_end_reachable = is_moving && task->end_time > 0 && is_eot_reachable(src, task->end_time);
     if (is_moving)
         move_window(task, must_trim, is_pseudo_live, is_end_reachable);

@@ -20,7 +20,9 @@
 #include "lib/tmout.h"
 #include "lib/util.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -33,6 +35,7 @@ LOG_UNIT(LOG_MOD_APP);
 static constexpr size_t PPRM_BLOCK = 16;
 static constexpr size_t TASK_BLOCK = 8;
 static constexpr size_t MIN_PLBK_SEC = 100; // of a source's own playback length
+static constexpr unsigned MAX_TARGET_SEC = 60;
 static constexpr size_t MAX_PLBK_SEC = INT64_MAX;
 static constexpr int TOO_MANY_SOURCES = -34;
 static constexpr int NAME_IS_CONNECTED = -16;
@@ -128,6 +131,18 @@ static int take_data_dir(std::string_view dir, src_params *params) {
     return 0;
 }
 
+static int take_target(std::string_view text, src_params *params) {
+    unsigned sec = 0;
+    const char *end = text.data() + text.size();
+    if (!text.empty() && (std::from_chars(text.data(), end, sec).ptr != end || sec > MAX_TARGET_SEC)) {
+        LOG(LL_ERROR, "%s: target_sec refused, not a number up to %u: [%.*s]\n", "get_src_params",
+            MAX_TARGET_SEC, static_cast<int>(text.size()), text.data());
+        return -1;
+    }
+    params->target_sec = sec;
+    return 0;
+}
+
 int get_src_params(const char *text, src_params *params) {
     static constexpr size_t PFX_SIZE = 64; // what is ever taken of a prefix, with the terminating zero
     size_t max_sec = 0;
@@ -143,6 +158,8 @@ int get_src_params(const char *text, src_params *params) {
         return -1;
     }
     params->max_plbk_sec = max_sec;
+    if (take_target(find_param(text, "target_sec="), params) != 0)
+        return -1;
     std::string_view dir = find_param(text, "data_dir=");
     if (!dir.empty() && take_data_dir(dir, params) != 0)
         return -1;
@@ -213,8 +230,11 @@ int init_src(pl_source *src, const char *nametag, ssize_t idx, int fd, std::stri
         return rc;
     }
     reserve_tables(src);
-    if (params)
+    src->target_sec = static_cast<unsigned>(g_cfg.min_target_sec);
+    if (params) {
         copy_params(&src->param, params);
+        src->target_sec = std::max(src->target_sec, params->target_sec);
+    }
     set_timeout(TMO_SRC, g_cfg.src_tmout_sec * 1000L);
     src->has_timer = true;
     if (!is_backup_name(src->nametag))
@@ -429,6 +449,7 @@ static int restore_source(pl_source *src, const pl_urq *urq, const char *text) {
         if (params.data_dir[0] && !can_be_answered(src->nametag, params.data_dir))
             return -1;
         copy_params(&src->param, &params);
+        src->target_sec = std::max(src->target_sec, params.target_sec);
     }
     int fd = duplicate_socket(urq->rq.fd);
     if (fd < 0)

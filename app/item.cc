@@ -9,7 +9,9 @@
 #include "lib/timeop.h"
 #include "lib/util.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -163,6 +165,18 @@ static int fill_segment(const pl_source *src, const item_data *data, const pl_it
     return 0;
 }
 
+// What a player was told at first should hold: later raises are told, whoever made them necessary.
+static void raise_target(pl_source *src, const pl_item *item) {
+    double rounded = std::max(1.0, floor(item->duration + 0.5));
+    if (rounded <= src->target_sec)
+        return;
+    unsigned target = rounded >= UINT_MAX ? UINT_MAX : static_cast<unsigned>(rounded);
+    if (g_cfg.strict_hls && src->target_sec > 0 && !src->manif.is_feeding)
+        LOG(LL_WARN, "%s: src[%s] segment [%s] of %f sec raises the target duration from %u to %u sec\n",
+            "add_seg", src->nametag, item->path, item->duration, src->target_sec, target);
+    src->target_sec = target;
+}
+
 // From the item on, since what was sorted in shifts the counts of all that are newer.
 static void count_breaks(pl_source *src, pl_item *item) {
     const pl_item *newer = newer_item(item);
@@ -224,6 +238,8 @@ int add_seg(pl_source *src, const item_data *data) {
         return -1;
     }
     src->total_sec += item->duration;
+    if (is_segment(item))
+        raise_target(src, item);
     LOG(LL_INFO, "added %s [%s]/%f m%zu  channel[%s] %s\n", src->manif.is_feeding ? "MANIF" : "LIVE",
         item->le.tag.sym, item->duration, item->mseq, src->nametag, item->path ? item->path : "(null)");
     return trim(src);

@@ -120,11 +120,18 @@ int get_vod_pl(pl_urq *urq, const char *itag, const char *nametag) {
     return get_pl(false, urq, itag, nametag);
 }
 
+// Sharing a strict playlist means beginning at the same place.
+static bool begins_alike(const pl_task *task, const pl_tspec *key) {
+    if (!key->is_strict || !task->is_strict)
+        return key->is_strict == task->is_strict;
+    return task->shift_sec == key->shift_sec && (key->shift_sec > 0 || task->start_time == key->start_time);
+}
+
 int match_task(void *tasks, size_t idx, void *spec) {
     const pl_task *task = static_cast<const pl_task *>(tasks) + idx;
     const pl_tspec *key = static_cast<const pl_tspec *>(spec);
     if (task->tag.num != key->tag.num || task->ifirst != key->ifirst || task->end_time != key->end_time ||
-        task->peer_tag)
+        task->peer_tag || !begins_alike(task, key))
         return 0;
     LOG_FN(LL_DEBUG, "%s mseq=(%zu) <-> [%s%u] mseq=%zu\n", key->tag.sym, key->ifirst->mseq, task->tag.sym,
            task->tseq, task->ifirst->mseq);

@@ -9,6 +9,7 @@
 #include "lib/strops.h"
 #include "lib/timeop.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <climits>
@@ -218,7 +219,7 @@ static void set_live_range(pl_task *task, pl_item *first, bool can_eot) {
         size_t depth = calc_depth(first, EVENT_DEPTH);
         if (depth > 0) {
             task->ifirst = step_from(false, first, depth);
-            task->ilast = step_from(true, first, depth);
+            task->ilast = task->is_strict ? newest_item(task->src) : step_from(true, first, depth);
             CHECK(task->ifirst && task->ilast);
             LOG(LL_DEBUG, "%s: using depth-shift: m%zu..m%zu\n", "mk_event_task", task->ifirst->mseq,
                 task->ilast->mseq);
@@ -230,7 +231,25 @@ static void set_live_range(pl_task *task, pl_item *first, bool can_eot) {
     if (!can_eot && ext > EVENT_DEFAULT_SEC)
         ext = EVENT_DEFAULT_SEC;
     LOG(LL_DEBUG, "%s: using ext-dur=%f\n", "mk_event_task", ext);
-    task->ilast = shift_from(task->ifirst, ext);
+    // A strict player finds its place in the list itself.
+    task->ilast = task->is_strict && !can_eot ? newest_item(task->src) : shift_from(task->ifirst, ext);
+}
+
+static double media_sec(const pl_item *from, const pl_item *to) {
+    double sec = 0;
+    for (const pl_item *item = from; item != to; item = newer_item(item))
+        if (is_segment(item))
+            sec += item->duration;
+    return sec;
+}
+
+// Measured here, so that no writing needs to: where in the window `first` begins to cover the time asked for,
+// and how long the window is.
+static void measure_event(pl_task *task, const pl_item *first) {
+    double within = static_cast<double>(task->start_time) - static_cast<double>(first->start_tm);
+    task->lead_sec = media_sec(task->ifirst, first) + std::max(0.0, std::min(within, first->duration));
+    task->window_sec =
+        media_sec(task->ifirst, task->ilast) + (is_segment(task->ilast) ? task->ilast->duration : 0);
 }
 
 static void set_event_range(pl_task *task, pl_item *first) {
@@ -246,10 +265,12 @@ static void set_event_range(pl_task *task, pl_item *first) {
         set_live_range(task, first, can_eot);
     else
         task->ilast = newest_item(task->src);
+    if (task->is_strict)
+        measure_event(task, first);
 }
 
 pl_task *mk_event_task(pl_source *src, pl_item *first, long start_tm, long duration, bool must_gzip,
-                       bool is_live) {
+                       bool is_live, long shift_sec) {
     LOG_FN(LL_DEBUG, "src[%s], first=[%s] M%zu %s\n", src->nametag, first->path ? first->path : "-",
            first->mseq, is_live ? "LIVE" : "");
     pl_task *task = add_task(__func__, src, PL_EVE);
@@ -259,6 +280,7 @@ pl_task *mk_event_task(pl_source *src, pl_item *first, long start_tm, long durat
     task->is_live = is_live;
     task->start_time = start_tm;
     task->duration = duration;
+    task->shift_sec = shift_sec;
     set_event_range(task, first);
     if (xvec_reserve(&task->utms, KEY_BLOCK, sizeof(char *), KEY_BLOCK) != 0) {
         LOG_FN(LL_ERROR, "cannot reserve memory for utms\n");
@@ -284,6 +306,10 @@ struct event_rq {
     bool can_roll;   // bound to its peer, moving on with the source
     const char *uid; // the peer then; a task that takes the peer over keeps it alive
 };
+
+static long shift_of(const event_rq &rq) {
+    return rq.timestamp < 0 ? -std::max(rq.timestamp, -LONG_MAX) : 0;
+}
 
 static void weigh_request(event_rq *rq, const pl_urq *urq) {
     if (rq->timestamp < 0 && rq->duration != 0) {
@@ -311,7 +337,10 @@ static void weigh_request(event_rq *rq, const pl_urq *urq) {
 static pl_task *find_match(const event_rq &rq, const pl_item *item, long utime) {
     pl_tspec spec = {.tag = {.num = PL_EVE},
                      .ifirst = item,
-                     .end_time = rq.duration > 0 ? add_seconds(utime, rq.duration) : 0};
+                     .end_time = rq.duration > 0 ? add_seconds(utime, rq.duration) : 0,
+                     .is_strict = g_cfg.strict_hls,
+                     .shift_sec = shift_of(rq),
+                     .start_time = utime};
     LOG(LL_DEBUG, "%s: will try to match ent-time:%ld\n", "get_event_pl", static_cast<long>(spec.end_time));
     size_t idx = 0;
     if (xvlst_find(&rq.src->tasks, &spec, match_task, &idx) == 0)
@@ -324,7 +353,8 @@ static pl_task *find_match(const event_rq &rq, const pl_item *item, long utime) 
 static pl_task *make_task(const event_rq &rq, pl_urq *urq, pl_item *item, long utime) {
     bool must_gzip = !rq.is_pseudo_live || g_cfg.has_gzip_pl;
     LOG(LL_DEBUG, "%s: %s GZIP\n", "get_event_pl", must_gzip ? "must" : "not doing");
-    pl_task *task = mk_event_task(rq.src, item, utime, rq.duration, must_gzip, rq.is_pseudo_live);
+    pl_task *task =
+        mk_event_task(rq.src, item, utime, rq.duration, must_gzip, rq.is_pseudo_live, shift_of(rq));
     if (!task)
         return nullptr;
     if (rq.duration != 0) {
@@ -359,12 +389,12 @@ static pl_task *match_or_make(const event_rq &rq, pl_urq *urq, const char **errm
     return task ? task : make_task(rq, urq, item, utime);
 }
 
-// Its key, and a playlist file for a task that lost it.
+// Its key, and a playlist file for a task that lost it; a strict one is brought up to date.
 static void settle_task(const event_rq &rq, pl_task *task, bool is_found_by_key, int *code) {
     CHECK(task->tag.num == PL_EVE);
     if (!is_found_by_key)
         assoc_utime(task, rq.timestamp, rq.uid);
-    if (task->fpath[0] == '\0')
+    if (task->fpath[0] == '\0' || (task->is_strict && task->must_sync_playlist))
         *code = mk_playlist(task);
 }
 

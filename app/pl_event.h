@@ -25,9 +25,9 @@ pl_task *get_assoc_task(skht_t ht, long timestamp, long duration, const char *ui
 int assoc_utime(pl_task *task, long timestamp, const char *uid);
 
 // Makes an event task from item `first` on; null when there are too many tasks or its playlist cannot be
-// written (logged).
+// written (logged). `shift_sec` is what `start_tm` was worked out from, 0 for a clock time.
 pl_task *mk_event_task(pl_source *src, pl_item *first, long start_tm, long duration, bool must_gzip,
-                       bool is_live);
+                       bool is_live, long shift_sec = 0);
 
 // Whether the items reach the end time, or would pass it with the next one.
 bool is_eot_reachable(const pl_source *src, time_t end_tm);

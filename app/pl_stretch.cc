@@ -21,9 +21,10 @@ struct pl_stretch {
 
 struct pl_stretches {
     char prefix[MAX_ITEM_PFX]; // the style that they were made in
-    time_t used;               // idle clock's seconds
-    size_t room;               // a power of two, above the number of stretches that the list can hold
-    pl_stretch *at;            // owned; a stretch has one place, given by its number
+    bool is_strict;
+    time_t used;    // idle clock's seconds
+    size_t room;    // a power of two, above the number of stretches that the list can hold
+    pl_stretch *at; // owned; a stretch has one place, given by its number
 };
 
 static pl_stretch *place_of(const pl_stretches *kept, size_t mseq) {
@@ -126,13 +127,15 @@ static bool make_room(pl_stretches *kept, size_t items) {
 }
 
 static bool open_store(pl_source *src, const pl_style &style) {
-    if (src->stretches && style.prefix != src->stretches->prefix)
+    if (src->stretches &&
+        (style.prefix != src->stretches->prefix || style.is_strict != src->stretches->is_strict))
         stretch_drop(src);
     if (!src->stretches) {
         src->stretches = static_cast<pl_stretches *>(W_calloc(__func__, 1, sizeof(pl_stretches)));
         if (!src->stretches)
             return false;
         copy_cut(src->stretches->prefix, sizeof(src->stretches->prefix), style.prefix);
+        src->stretches->is_strict = style.is_strict;
     }
     src->stretches->used = idle_clock();
     return make_room(src->stretches, dlep_count(src->items));

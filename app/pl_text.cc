@@ -11,6 +11,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 LOG_UNIT(LOG_MOD_APP);
 
@@ -144,7 +145,7 @@ void measure_window(const pl_task *task, const text_spans *spans, pl_totals *tot
     double rounded = nearbyint(longest);
     unsigned max_duration = rounded < 1 ? 1 : rounded >= UINT_MAX ? UINT_MAX : static_cast<unsigned>(rounded);
     CHECK(max_duration > 0);
-    totals->target_sec = max_duration;
+    totals->target_sec = task->is_strict ? std::max(task->src->target_sec, 1U) : max_duration;
 }
 
 static const char *playlist_type(const pl_task *task) {
@@ -156,7 +157,29 @@ static const char *playlist_type(const pl_task *task) {
 pl_style text_style(const pl_task *task) {
     const char *prefix = task->src->item_pfx ? task->src->item_pfx : g_cfg.pl_item_pfx;
     LOG(LL_DEBUG, "%s: using pfx=%s\n", "mk_playlist", prefix);
-    return {.prefix = prefix};
+    return {.prefix = prefix, .is_strict = task->is_strict};
+}
+
+static const pl_item *first_segment(const pl_task *task) {
+    const pl_item *item = task->ifirst;
+    while (item != task->ilast && !is_segment(item))
+        item = newer_item(item);
+    return is_segment(item) ? item : nullptr;
+}
+
+// Without a segment, those of the one that is to come.
+static void put_strict_numbers(text_sink *out, const pl_task *task) {
+    const pl_item *first = first_segment(task);
+    const uint32_t breaks = first ? item_breaks(first) : item_breaks(task->ilast) + 1;
+    sink_printf(out, "#EXT-X-MEDIA-SEQUENCE:%zu\n", first ? first->mseq : task->ilast->mseq + 1);
+    if (breaks > 0)
+        sink_printf(out, "#EXT-X-DISCONTINUITY-SEQUENCE:%u\n", breaks);
+    if (task->tag.num != PL_EVE)
+        return;
+    // A shift counts from the end, so that it is right for whoever joins later.
+    double offset =
+        task->shift_sec > 0 ? -static_cast<double>(task->shift_sec) : std::max(task->lead_sec, 0.0);
+    sink_printf(out, "#EXT-X-START:TIME-OFFSET=%.3f,PRECISE=YES\n", offset);
 }
 
 void put_head(text_sink *out, const pl_task *task, const pl_totals &totals) {
@@ -164,7 +187,10 @@ void put_head(text_sink *out, const pl_task *task, const pl_totals &totals) {
     if (const char *type = playlist_type(task))
         sink_printf(out, "#EXT-X-PLAYLIST-TYPE:%s\n", type);
     sink_printf(out, "#EXT-X-TARGETDURATION:%u\n", totals.target_sec);
-    sink_printf(out, "#EXT-X-MEDIA-SEQUENCE:%zu\n", task->is_live ? task->ifirst->mseq : 0);
+    if (task->is_strict)
+        put_strict_numbers(out, task);
+    else
+        sink_printf(out, "#EXT-X-MEDIA-SEQUENCE:%zu\n", task->is_live ? task->ifirst->mseq : 0);
 }
 
 static void put_segment(text_sink *out, const pl_item *item, const pl_style &style) {
@@ -177,18 +203,48 @@ static void put_segment(text_sink *out, const pl_item *item, const pl_style &sty
     sink_advance(out, at);
 }
 
-void put_item(text_sink *out, const pl_item *item, const pl_style &style) {
-    if (is_segment(item))
-        put_segment(out, item, style);
-    else
-        sink_printf(out, "#EXT-X-DISCONTINUITY\n");
+// Nothing for a time that has no date with four digits of the year.
+static void put_date(text_sink *out, const pl_item *item) {
+    static constexpr time_t LAST_DATE = 253402300799; // 9999-12-31T23:59:59
+    tm date{};
+    if (item->start_tm <= 0 || item->start_tm > LAST_DATE || !gmtime_r(&item->start_tm, &date))
+        return;
+    sink_printf(out, "#EXT-X-PROGRAM-DATE-TIME:%04d-%02d-%02dT%02d:%02d:%02d.000Z\n", date.tm_year + 1900,
+                date.tm_mon + 1, date.tm_mday, date.tm_hour, date.tm_min, date.tm_sec);
 }
 
-static void put_window_item(text_sink *out, const pl_task *task, const pl_item *item, const pl_style &style) {
-    if (is_segment(item) || item != task->ifirst)
-        put_item(out, item, style);
-    else
+static void put_break(text_sink *out) {
+    sink_printf(out, "#EXT-X-DISCONTINUITY\n");
+}
+
+static void put_breaks_before(text_sink *out, const pl_item *segment) {
+    const pl_item *older = older_item(segment);
+    if (!older || is_segment(older))
+        return;
+    for (; older && !is_segment(older); older = older_item(older))
+        put_break(out);
+    put_date(out, segment);
+}
+
+void put_item(text_sink *out, const pl_item *item, const pl_style &style) {
+    if (!is_segment(item)) {
+        if (!style.is_strict)
+            put_break(out);
+        return;
+    }
+    if (style.is_strict)
+        put_breaks_before(out, item);
+    put_segment(out, item, style);
+}
+
+static void put_first_item(text_sink *out, const pl_item *item, const pl_style &style) {
+    if (!is_segment(item)) {
         LOG(LL_DEBUG, "%s: skipping DISCONTINUITY as 1st item\n", "mk_playlist");
+        return;
+    }
+    if (style.is_strict)
+        put_date(out, item);
+    put_segment(out, item, style);
 }
 
 // The ready text that begins with the item and does not hold the event's end.
@@ -204,14 +260,21 @@ static const text_span *put_span(text_sink *out, const pl_task *task, const pl_i
 
 void put_items(text_sink *out, const pl_task *task, const pl_style &style, const text_spans *spans,
                pl_totals *totals) {
+    bool is_first = true;
     for (const pl_item *item = task->ifirst;; item = newer_item(item)) {
-        while (const text_span *span = spans ? put_span(out, task, item, spans) : nullptr) {
+        const bool may_span = spans && !(is_first && style.is_strict);
+        while (const text_span *span = may_span ? put_span(out, task, item, spans) : nullptr) {
             totals->total_sec += span->total_sec;
             item = span->end;
+            is_first = false;
         }
         if (is_segment(item))
             totals->total_sec += item->duration;
-        put_window_item(out, task, item, style);
+        if (is_first)
+            put_first_item(out, item, style);
+        else
+            put_item(out, item, style);
+        is_first = is_first && style.is_strict && !is_segment(item);
         if (task->end_time > 0 && ends_event(item, task->end_time)) {
             totals->is_at_end = true;
             LOG(LL_DEBUG, "%s: EOT task (%p) %s%u\n", "mk_playlist", static_cast<const void *>(task),

@@ -21,6 +21,7 @@ struct text_sink {
 // What shapes the lines of an item.
 struct pl_style {
     std::string_view prefix; // of each media-segment URL
+    bool is_strict;
 };
 
 struct pl_totals {
@@ -57,7 +58,8 @@ pl_style text_style(const pl_task *task);
 void measure_window(const pl_task *task, const text_spans *spans, pl_totals *totals);
 
 void put_head(text_sink *out, const pl_task *task, const pl_totals &totals);
-// The lines of one item that is not the first of its window.
+// The lines of one item that stands behind the first segment of its window. In the strict style the breaks
+// before a segment are its own lines, so that none is left at the end of a list.
 void put_item(text_sink *out, const pl_item *item, const pl_style &style);
 // The lines of the window, up to the item that ends the event. Fills what is left of the totals.
 void put_items(text_sink *out, const pl_task *task, const pl_style &style, const text_spans *spans,

@@ -117,6 +117,7 @@ struct src_params {
     char data_dir[MAX_SRC_DIR];     // empty = the configured one
     char pl_item_pfx[MAX_ITEM_PFX]; // empty = none
     long max_mitem_age;             // of a manifest item, seconds; -1 = no limit, 0 = max_plbk_sec
+    unsigned target_sec;            // least target duration of strict playlists, 0 = the configured one
 };
 
 struct manifest_ctx {
@@ -153,6 +154,7 @@ struct pl_source {
     bool awaits_backup;      // a take-over failed for want of a descriptor and is tried again
     uint32_t breaks;         // discontinuity markers that were ever put into `items`
     pl_stretches *stretches; // owned by pl_stretch: kept compressed text; null = none
+    unsigned target_sec;     // of strict playlists, it never sinks; 0 = no segment yet, and no minimum
 };
 static_assert(std::is_trivially_copyable_v<pl_source>);
 
@@ -191,6 +193,10 @@ struct pl_task {
     item_reach reach;        // of an event whose end is in the list
     time_t step_idle_tm;     // the idle clock's seconds when the wall clock was set; 0 = touched since
     time_t step_touch;       // the lock file's modification time then
+    bool is_strict;          // written as strict players want it
+    long shift_sec;          // the time shift that an event was asked for by, 0 = by clock time
+    double lead_sec;   // of a strict event: media before the clock time asked for, negative once it left
+    double window_sec; // of a strict time shift: media in its window
 };
 static_assert(std::is_trivially_copyable_v<pl_task>);
 
@@ -204,6 +210,9 @@ struct pl_tspec {
     n32_tag tag;
     const pl_item *ifirst;
     time_t end_time;
+    bool is_strict; // then it must be of the same shift, or begin at the same time
+    long shift_sec;
+    long start_time;
 };
 
 // --- requests ---

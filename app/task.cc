@@ -81,6 +81,7 @@ void init_task(pl_task *task, pl_source *src) {
     task->pprm_idx = -1;
     task->lkfd = -1;
     task->must_sync_playlist = true;
+    task->is_strict = g_cfg.strict_hls;
 }
 
 // --- finding ---

@@ -5,9 +5,16 @@
 
 namespace {
 
-using Adjust = App;
+// Strict or not: which items a live window holds does not depend on it, and no kind's may outlive them.
+class Adjust : public App, public ::testing::WithParamInterface<bool> {
+    void SetUp() override {
+        App::SetUp();
+        g_cfg.strict_hls = GetParam();
+    }
+};
+INSTANTIATE_TEST_SUITE_P(Styles, Adjust, ::testing::Bool());
 
-TEST_F(Adjust, LiveWindow) {
+TEST_P(Adjust, LiveWindow) {
     // From one item on it grows to the limit; a marker, which has its predecessor's number, moves nothing on.
     g_cfg.max_live_items = 6;
     pl_source *src = source();
@@ -24,7 +31,7 @@ TEST_F(Adjust, LiveWindow) {
 }
 
 // All kinds at once over a list that keeps losing its oldest items, with a playlist written at every step.
-TEST_F(Adjust, NoWindowOutlivesItsItems) {
+TEST_P(Adjust, NoWindowOutlivesItsItems) {
     g_cfg.refresh_pl_files = true;
     pl_source *src = source("chan", "max_sec=100");
     append(src, std::vector<float>(10, 10));

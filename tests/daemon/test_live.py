@@ -24,19 +24,6 @@ def test_live_playlist_follows_the_feed(lumo):
     assert not d.files("*.m3u8*")
     assert all(seg.exists() for seg in segs)
 
-def test_vod_is_detached_by_the_next_segment(lumo):
-    d = lumo(gzip_playlists=False)
-    src = d.source()
-    segs = src.feed(8)
-    first = d.ask("T1 VOD chan")
-    assert (first.form, first.playlist.is_gzipped, first.playlist.type) == ("gzip", True, "VOD")
-    assert d.ask("T2 VOD chan").path == first.path
-    more = src.feed(1)
-    second = d.ask("T1 VOD chan")
-    assert second.path != first.path
-    assert first.playlist.names == names(segs) and first.playlist.is_ended and first.playlist.first == 0
-    assert second.playlist.names == names(segs + more)
-
 @pytest.mark.parametrize("has_gzip, text_live, live, event", [
     (True, True, "text", "gzip"), (True, False, "gzip", "gzip"), (False, False, "text", "text")])
 def test_forms(lumo, has_gzip, text_live, live, event):
