@@ -13,13 +13,16 @@
 struct playlist_case {
     const char *name;
     size_t items;
+    bool is_strict;
     pl_source *src;
     pl_task *text;
     pl_task *gzip;
     std::string ready; // what the writer made
 };
-static playlist_case g_cases[] = {{"6", 6, nullptr, nullptr, nullptr, {}},
-                                  {"100800", FULL_LIST, nullptr, nullptr, nullptr, {}}};
+static playlist_case g_cases[] = {{"6", 6, false, nullptr, nullptr, nullptr, {}},
+                                  {"100800", FULL_LIST, false, nullptr, nullptr, nullptr, {}},
+                                  {"6-strict", 6, true, nullptr, nullptr, nullptr, {}},
+                                  {"100800-strict", FULL_LIST, true, nullptr, nullptr, nullptr, {}}};
 static std::string g_tmp;
 static std::string g_out;
 
@@ -36,6 +39,7 @@ static std::string read_file(const char *path) {
 }
 
 static void make_case(playlist_case *one) {
+    g_cfg.strict_hls = one->is_strict;
     one->src = bench_source(one->name, NO_TRIM);
     bench_fill(one->src, 0, one->items);
     ssize_t slots[2] = {};
@@ -97,6 +101,10 @@ int main(int argc, char **argv) {
         {"playlist: text, 100800 items / plain write", "text100800", "write100800", -2},
         {"playlist: gzip, 6 items / one deflate", "gzip6", "deflate6", -1.05},
         {"playlist: gzip, 100800 items / one deflate", "gzip100800", "deflate100800", -1.05},
+        {"playlist: text, 6 items, strict / not", "text6-strict", "text6", -1.1},
+        {"playlist: text, 100800 items, strict / not", "text100800-strict", "text100800", -1.1},
+        {"playlist: gzip, 6 items, strict / not", "gzip6-strict", "gzip6", -1.1},
+        {"playlist: gzip, 100800 items, strict / not", "gzip100800-strict", "gzip100800", -1.1},
     };
     int rc = run_pairs(argc, argv, PAIRS);
     tell_note("playlist: floors open, write or gzwrite once, close and rename; %zu bytes of text\n",
