@@ -7,6 +7,8 @@
 #include "app/task.h"
 #include "lib/check.h"
 #include "lib/log.h"
+#include "lib/timeop.h"
+#include "lib/tmout.h"
 
 #include <cerrno>
 #include <cstring>
@@ -16,80 +18,137 @@
 LOG_UNIT(LOG_MOD_APP);
 
 static constexpr int64_t MAX_CLOCK_DRIFT_MS = 1000; // of the clocks between two checks; beyond, one was set
+static constexpr timespec SLICE_TIME = {0, 3'000'000};
+static constexpr size_t SLICE_REMOVALS = 64;
+static constexpr size_t LOOKS_PER_CLOCK = 32;
 
 void time_out_requests() {
     if (is_iocheck_time(&g_ctx.last_rq_check, g_cfg.urq_tmout_sec))
         rui_tmout_all(&g_ctx.rui, g_cfg.urq_tmout_sec * 1000L);
 }
 
-static int note_step(void *tasks, size_t i) {
-    pl_task *task = static_cast<pl_task *>(tasks) + i;
+// What was touched before the wall clock was set has no age by it: until the next touch, idle time counts
+// from here.
+static void note_step(pl_task *task) {
     struct stat st;
     task->step_idle_tm = idle_clock();
     task->step_touch = task->lkfd >= 0 && fstat(task->lkfd, &st) == 0 ? st.st_mtime : task->last_io_time;
-    return 0;
 }
 
-static int note_step_of_all(void *sources, size_t i) {
-    xvlst_each(&(static_cast<pl_source *>(sources) + i)->tasks, note_step, nullptr);
-    return 0;
-}
-
-// What was touched before the wall clock was set has no age by it: until the next touch, idle time counts
-// from here.
-static void notice_clock_step() {
+static bool is_clock_set() {
     int64_t lead = wall_lead_ms();
     int64_t step = lead - g_ctx.wall_lead_ms;
     g_ctx.wall_lead_ms = lead;
     if (step <= MAX_CLOCK_DRIFT_MS && step >= -MAX_CLOCK_DRIFT_MS)
-        return;
+        return false;
     LOG(LL_WARN, "%s: the wall clock was set by %.3f sec, idle times count from now\n", "time_out_src_tasks",
         static_cast<double>(step) / 1000);
-    xvlst_each(&g_ctx.sources, note_step_of_all, nullptr);
+    return true;
+}
+
+// --- the sweep over the tasks ---
+
+static long idle_sec(const pl_source *src) {
+    return idle_clock() - src->last_item_tm;
+}
+
+static long idle_limit(const pl_source *src) {
+    return src->tmout_sec != 0 ? src->tmout_sec : g_cfg.src_tmout_sec;
+}
+
+// What one pass gives to the sweep. Listed tasks cost more at the end of the pass, when they are removed,
+// than looking at them does.
+struct slice {
+    timespec begin;
+    size_t looks = 0;
+    size_t listed_before = g_ctx.pprm_tasks.len;
+    slice() { set_clk_now(&begin, CLOCK_MONOTONIC); }
+};
+
+static bool is_over(const slice &s) {
+    if (g_ctx.pprm_tasks.len - s.listed_before >= SLICE_REMOVALS)
+        return true;
+    if (s.looks % LOOKS_PER_CLOCK != 0)
+        return false;
+    timespec now;
+    set_clk_now(&now, CLOCK_MONOTONIC);
+    return timed_out_ext(s.begin, SLICE_TIME, now);
+}
+
+static void look_at_task(const pl_source *src, pl_task *task) {
+    if (g_ctx.sweep.is_after_step)
+        note_step(task);
+    if (idle_sec(src) >= idle_limit(src))
+        pprm_task(task);
+    else
+        task_xpire(task);
+}
+
+// The source's tasks from the sweep's place on; false when the slice ended first.
+static bool sweep_source(pl_source *src, slice *s) {
+    size_t &i = g_ctx.sweep.task;
+    if (i == 0 && !is_empty_src(src))
+        LOG(LL_DEBUG, "%s: [%s] checking %zu tasks\n", "src_expired", src->nametag, src->tasks.len);
+    for (; src->tasks.len > 0 && i <= src->tasks.last; ++i) {
+        if (!xvlst_taken(src->tasks, i))
+            continue;
+        if (is_over(*s))
+            return false;
+        look_at_task(src, src_task(src, static_cast<ssize_t>(i)));
+        ++s->looks;
+    }
+    return true;
+}
+
+static void begin_sweep() {
+    sweep_ctx &sweep = g_ctx.sweep;
+    if (!sweep.is_under_way)
+        set_timeout(TMO_SWEEP, 0);
+    bool is_after_step = is_clock_set() || (sweep.is_under_way && sweep.is_after_step);
+    sweep = {.is_under_way = true, .is_after_step = is_after_step, .src = 0, .task = 0};
+}
+
+static void continue_sweep() {
+    sweep_ctx &sweep = g_ctx.sweep;
+    slice s;
+    for (; g_ctx.sources.len > 0 && sweep.src <= g_ctx.sources.last; ++sweep.src, sweep.task = 0)
+        if (xvlst_taken(g_ctx.sources, sweep.src) &&
+            !sweep_source(xvlst_at<pl_source>(g_ctx.sources, sweep.src), &s))
+            return;
+    sweep = {};
+    rm_timeout(TMO_SWEEP);
 }
 
 void time_out_src_tasks() {
-    if (!is_iocheck_time(&g_ctx.last_task_check, g_cfg.lk_tmout_sec))
-        return;
-    notice_clock_step();
-    retry_deletions();
-    int removed = xvlst_rmif(&g_ctx.sources, nullptr, src_expired, nullptr);
-    if (removed > 0)
-        LOG_FN(LL_INFO, "removed %d source(s)\n", removed);
+    if (is_iocheck_time(&g_ctx.last_task_check, g_cfg.lk_tmout_sec)) {
+        begin_sweep();
+        retry_deletions();
+        int removed = xvlst_rmif(&g_ctx.sources, nullptr, src_expired, nullptr);
+        if (removed > 0)
+            LOG_FN(LL_INFO, "removed %d source(s)\n", removed);
+    }
+    if (g_ctx.sweep.is_under_way)
+        continue_sweep();
 }
 
 bool is_empty_src(const pl_source *src) {
     return src->tasks.len == 0;
 }
 
-static int list_task(void *tasks, size_t i) {
-    return pprm_task(static_cast<pl_task *>(tasks) + i);
-}
-
-static int check_task(void *tasks, size_t i) {
-    return task_xpire(static_cast<pl_task *>(tasks) + i);
-}
-
 int src_expired(void *sources, size_t i, void *) {
     pl_source *src = static_cast<pl_source *>(sources) + i;
     stretch_age(src);
     retry_take_over(src);
-    long idle = idle_clock() - src->last_item_tm;
-    long limit = src->tmout_sec != 0 ? src->tmout_sec : g_cfg.src_tmout_sec;
-    if (idle < limit) {
-        if (!is_empty_src(src)) {
-            LOG_FN(LL_DEBUG, "[%s] checking %zu tasks\n", src->nametag, src->tasks.len);
-            xvlst_each(&src->tasks, check_task, nullptr);
-        }
+    long idle = idle_sec(src);
+    long limit = idle_limit(src);
+    if (idle < limit)
         return 0;
-    }
     LOG_FN(LL_WARN, "[%s] expired after %ld/%ld sec, %zu tasks\n", src->nametag, idle, limit, src->tasks.len);
     if (is_empty_src(src)) {
         destroy_src(src);
         return 1;
     }
     LOG_FN(LL_DEBUG, "[%s] expiring %zu tasks\n", src->nametag, src->tasks.len);
-    xvlst_each(&src->tasks, list_task, nullptr);
     return 0;
 }
 

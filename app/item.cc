@@ -11,6 +11,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cfloat>
+#include <charconv>
 #include <climits>
 #include <cmath>
 #include <cstdio>
@@ -213,6 +215,17 @@ static int trim(pl_source *src) {
     return rc;
 }
 
+struct float_text {
+    char text[FLT_MAX_10_EXP + 16];
+};
+
+// As "%f" prints it, for less: an import tells as many durations as it has items.
+static float_text print_float(float value) {
+    float_text out{};
+    std::to_chars(out.text, std::end(out.text) - 1, value, std::chars_format::fixed, 6);
+    return out;
+}
+
 int add_seg(pl_source *src, const item_data *data) {
     const pl_item *head = newest_item(src);
     auto *item = static_cast<pl_item *>(W_calloc(__func__, 1, sizeof(pl_item)));
@@ -240,8 +253,9 @@ int add_seg(pl_source *src, const item_data *data) {
     src->total_sec += item->duration;
     if (is_segment(item))
         raise_target(src, item);
-    LOG(LL_INFO, "added %s [%s]/%f m%zu  channel[%s] %s\n", src->manif.is_feeding ? "MANIF" : "LIVE",
-        item->le.tag.sym, item->duration, item->mseq, src->nametag, item->path ? item->path : "(null)");
+    LOG(LL_INFO, "added %s [%s]/%s m%zu  channel[%s] %s\n", src->manif.is_feeding ? "MANIF" : "LIVE",
+        item->le.tag.sym, print_float(item->duration).text, item->mseq, src->nametag,
+        item->path ? item->path : "(null)");
     return trim(src);
 }
 

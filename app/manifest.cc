@@ -138,7 +138,9 @@ void read_manifest(pl_source *src) {
         return;
     }
     src->manif.is_feeding = true;
+    log_gather(&g_log, LL_INFO);
     size_t count = import_lines(src, fp);
+    log_gather_end();
     src->manif.is_feeding = false;
     if (count > 0)
         add_discontinuity(src);

@@ -237,6 +237,14 @@ struct pl_urq {
 struct mdr_ctx;
 using mdr_t = mdr_ctx *;
 
+// Where the check of all tasks goes on in the next pass.
+struct sweep_ctx {
+    bool is_under_way;
+    bool is_after_step; // the wall clock was set before it began
+    size_t src;         // slots in the source list and in that source's task list
+    size_t task;
+};
+
 struct plum_ctx {
     bool is_ready;
     rui_ctx rui;
@@ -248,6 +256,7 @@ struct plum_ctx {
     timespec last_rq_check;
     mdr_t mdr;            // null = no reports
     int64_t wall_lead_ms; // of the wall clock before the loop's, at the last check of the tasks
+    sweep_ctx sweep;
 };
 
 inline constinit plum_ctx g_ctx{};

@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
+#include <utility>
 
 LOG_UNIT(LOG_MOD_APP);
 
@@ -28,6 +29,13 @@ static struct {
     char text[LOG_BUF_SIZE];
     size_t len;
 } g_buf;
+
+static struct {
+    log_ctx *log; // null = nothing is gathered
+    int level;
+    size_t len;
+    char text[32 * LOG_BUF_SIZE];
+} g_gather;
 
 // --- initialising ---
 
@@ -180,22 +188,63 @@ void log_record(log_ctx *log, int level, const loglevel_ctx &unit, const char *f
     errno = saved_errno;
 }
 
-void log_flush(log_ctx *log, int level) {
-    if (logbuf_empty())
-        return;
+// To the file and the mirror.
+static void write_text(log_ctx *log, std::string_view text) {
     const bool has_file = log->fp || (!g_sigctx && log_reopen_lost(log));
     if (has_file) {
-        fwrite(g_buf.text, 1, g_buf.len, log->fp);
-        log->total_out += g_buf.len;
+        fwrite(text.data(), 1, text.size(), log->fp);
+        log->total_out += text.size();
     }
     if (log->mirror_fp && !(has_file && fileno(log->mirror_fp) == fileno(log->fp)))
-        fwrite(g_buf.text, 1, g_buf.len, log->mirror_fp);
-    if (g_sigctx)
-        return;
-    if (level < 0 && log->syslg.enabled)
-        syslog(get_syslog_pri(level) | log->syslg.facility, "%s", g_buf.text);
-    if (has_file && !log_is_standard(log->fp))
+        fwrite(text.data(), 1, text.size(), log->mirror_fp);
+}
+
+static void rotate_after_writing(log_ctx *log) {
+    if (!g_sigctx && log->fp && !log_is_standard(log->fp))
         log_rotate_if_due(log);
+}
+
+static void write_gathered() {
+    if (g_gather.len == 0)
+        return;
+    write_text(g_gather.log, {g_gather.text, std::exchange(g_gather.len, 0)});
+}
+
+// True when the record waits for those to come.
+static bool gather(log_ctx *log, int level) {
+    if (log != g_gather.log)
+        return false;
+    const bool is_other = level != g_gather.level;
+    const bool is_full = g_gather.len + g_buf.len > sizeof(g_gather.text);
+    if (is_other || is_full)
+        write_gathered();
+    if (is_other)
+        return false;
+    memcpy(g_gather.text + g_gather.len, g_buf.text, g_buf.len);
+    g_gather.len += g_buf.len;
+    if (is_full)
+        rotate_after_writing(log); // only here: it puts a record of its own into the buffer
+    return true;
+}
+
+void log_gather(log_ctx *log, int level) {
+    CHECK(level >= LL_NORM && !g_gather.log);
+    g_gather.log = log;
+    g_gather.level = level;
+}
+
+void log_gather_end() {
+    write_gathered();
+    rotate_after_writing(std::exchange(g_gather.log, nullptr));
+}
+
+void log_flush(log_ctx *log, int level) {
+    if (logbuf_empty() || gather(log, level))
+        return;
+    write_text(log, {g_buf.text, g_buf.len});
+    if (!g_sigctx && level < 0 && log->syslg.enabled)
+        syslog(get_syslog_pri(level) | log->syslg.facility, "%s", g_buf.text);
+    rotate_after_writing(log);
 }
 
 // --- opening, rotation, closing ---

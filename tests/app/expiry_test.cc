@@ -1,6 +1,7 @@
 #include "app/expiry.h"
 
 #include "app/retry.h"
+#include "lib/tmout.h"
 #include "tests/app/app_fixture.h"
 
 #include <sys/stat.h>
@@ -162,6 +163,32 @@ TEST_F(Expiry, IdleSources) {
     feed(src, producer, "SEGMENT: a.ts 1 10 1 1 1\n");
     set_clock(5058);
     EXPECT_EQ(src_expired(g_ctx.sources.data, static_cast<size_t>(src->idx), nullptr), 0);
+}
+
+TEST_F(Expiry, ManyTasksAreSweptInSlices) {
+    static constexpr size_t EACH = 150;
+    pl_source *sources[] = {source("idle"), source("busy")};
+    for (pl_source *src : sources)
+        for (size_t i = 0; i < EACH; ++i)
+            ASSERT_TRUE(add_task("test", src, PL_EVE));
+    for (size_t i = 0; i < EACH; ++i) {
+        src_task(sources[1], static_cast<ssize_t>(i))->lk_tmout_sec = 20;
+        src_task(sources[1], static_cast<ssize_t>(i))->last_io_time = time(nullptr) - (i % 2 ? 15 : 25);
+    }
+    sources[0]->last_item_tm = 1;
+    schedule_time_out();
+    size_t passes = 0;
+    do {
+        const size_t left = sources[0]->tasks.len + sources[1]->tasks.len;
+        time_out_src_tasks();
+        EXPECT_LE(g_ctx.pprm_tasks.len, 64u);
+        EXPECT_EQ(get_min_timeout() == 0, g_ctx.sweep.is_under_way) << "the loop does not sleep meanwhile";
+        pprm_task_cleanup();
+        EXPECT_TRUE(left > sources[0]->tasks.len + sources[1]->tasks.len || !g_ctx.sweep.is_under_way);
+        ++passes;
+    } while (g_ctx.sweep.is_under_way && passes < EACH);
+    EXPECT_TRUE(passes > 3 && passes < 10) << passes;
+    EXPECT_TRUE(sources[0]->tasks.len == 0 && sources[1]->tasks.len == EACH / 2);
 }
 
 TEST_F(Expiry, AReusedSlotIsNotTheListedTask) {

@@ -147,6 +147,26 @@ TEST_F(Log, RingGetsEveryRecordAndNobodyPaysForUnwantedOnes) {
     shm_unlink(("/" + name + ".dat").c_str());
 }
 
+TEST_F(Log, GatheredRecordsKeepTheirPlace) {
+    ASSERT_EQ(log_open_ex(&log, path.c_str(), 0), 0);
+    log_set_modules(&log, LL_INFO);
+    log_gather(&log, LL_INFO);
+    say("one\n", LL_INFO);
+    EXPECT_EQ(take(), "");
+    say("other\n");
+    EXPECT_EQ(take(), "(INF)  one\n(ERR)  other\n");
+    std::string many;
+    for (int i = 0; i < 3000; ++i) {
+        say(std::to_string(i) + std::string(40, '.') + "\n", LL_INFO);
+        many += "(INF)  " + std::to_string(i) + std::string(40, '.') + "\n";
+    }
+    log_set_rota(&log, 1, 4, 0); // a rotation tells of itself behind them
+    next_second();
+    log_gather_end();
+    EXPECT_EQ(read_file(rotated(time(nullptr))), many);
+    EXPECT_NE(read_file(path).find("previous log rotated"), std::string::npos);
+}
+
 TEST_F(Log, OpeningMovesAnOldFileAside) {
     timespec stamp[2] = {{1000, 0}, {1234567890, 0}};
     auto make = [&](const std::string &text) {
