@@ -55,6 +55,7 @@ endif()
 install_program(tools lumo-web)
 install_unit(tools lumo-web lumo-web.service)
 if(TARGET lumo-web)
+  install(FILES packaging/lumo-web.sysusers RENAME lumo-web.conf DESTINATION lib/sysusers.d COMPONENT tools)
   install(FILES etc/nginx-lumo.conf DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tools)
   install(DIRECTORY tools/web/www DESTINATION ${CMAKE_INSTALL_DATADIR}/lumo COMPONENT tools)
   # The page's player, where scripts/install-deps.sh has put it.

@@ -41,7 +41,8 @@ deletes what is too old, lets a stand-in take over when a producer fails, and
 picks a recording up again after a restart.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME lumo-tools)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "lumo (= ${PROJECT_VERSION}-${LUMO_PACKAGE_RELEASE}), ffmpeg")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "lumo (= ${PROJECT_VERSION}-${LUMO_PACKAGE_RELEASE}), ffmpeg, \
+systemd | systemd-standalone-sysusers | systemd-sysusers")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "feeder and web front end for lumo
 Puts channels on air with lumo: lumo-feed runs ffmpeg and reports its
 segments, lumo-web serves playlists, segments and a page that plays them, and
