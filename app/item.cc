@@ -3,6 +3,7 @@
 #include "app/adjust.h"
 #include "app/pl_stretch.h"
 #include "app/retry.h"
+#include "app/seq.h"
 #include "lib/check.h"
 #include "lib/log.h"
 #include "lib/syswrap.h"
@@ -24,7 +25,6 @@ LOG_UNIT(LOG_MOD_APP);
 static constexpr size_t MAX_LINE_REST = 127; // free text at a line's end
 static constexpr double MIN_DURATION = 1.0;  // expected durations: [MIN, MAX)
 static constexpr double MAX_DURATION = 60.0;
-static constexpr char KEYWORD[] = "SEGMENT:";
 
 // --- the source line protocol ---
 
@@ -141,7 +141,7 @@ static int skip_item(const pl_source *src, pl_item *item, const char *path) {
 // Fills a segment item. 0, 1 when the line is to be skipped, or an error.
 static int fill_segment(const pl_source *src, const item_data *data, const pl_item *head, pl_item *item) {
     item->le.tag.num = PL_SEG;
-    item->mseq = head ? head->mseq + 1 : 0;
+    item->mseq = head || g_cfg.strict_hls ? src->next_mseq : 0;
     LOG(LL_DEBUG, "%s: %s [%s] %ld bytes, %f sec, pts=%li\n", "add_seg", item->le.tag.sym, data->path,
         data->fsize, data->duration, data->ifrm1_pts);
     // The item keeps no time stamp of its own, so what this turns away are lines without one.
@@ -182,8 +182,9 @@ static void raise_target(pl_source *src, const pl_item *item) {
 // From the item on, since what was sorted in shifts the counts of all that are newer.
 static void count_breaks(pl_source *src, pl_item *item) {
     const pl_item *newer = newer_item(item);
+    const pl_item *older = older_item(item);
     uint32_t breaks = newer ? item_breaks(newer) : src->breaks;
-    if (const pl_item *older = older_item(item))
+    if (newer && older)
         breaks = item_breaks(older) + (is_segment(older) ? 0 : 1);
     for (; item; item = newer_item(item)) {
         item->le.note = breaks;
@@ -201,6 +202,8 @@ static bool insert_item(pl_source *src, pl_item *item) {
     if (in != &item->le)
         return false;
     count_breaks(src, item);
+    if (is_segment(item))
+        src->next_mseq = newest_item(src)->mseq + 1;
     return true;
 }
 
@@ -211,6 +214,7 @@ static int trim(pl_source *src) {
     do {
         rc = apply_src_changes(src, src->total_sec > limit);
     } while (rc == 0 && src->total_sec > limit);
+    seq_keep(src);
     write_moved_tasks(src);
     return rc;
 }
@@ -256,6 +260,7 @@ int add_seg(pl_source *src, const item_data *data) {
     LOG(LL_INFO, "added %s [%s]/%s m%zu  channel[%s] %s\n", src->manif.is_feeding ? "MANIF" : "LIVE",
         item->le.tag.sym, print_float(item->duration).text, item->mseq, src->nametag,
         item->path ? item->path : "(null)");
+    seq_keep(src);
     return trim(src);
 }
 
@@ -292,6 +297,7 @@ static void retire_oldest(pl_source *src) {
         recycle_segfile(src, item);
     }
     stretch_retire(src, item);
+    seq_retire(src, item);
     // An empty list weighs nothing, whatever rounding has left over.
     if (!newest_item(src))
         src->total_sec = 0;

@@ -5,6 +5,8 @@
 #include "app/plum.h"
 #include "lib/strops.h"
 
+inline constexpr char KEYWORD[] = "SEGMENT:"; // of the lines of sources and manifests
+
 enum line_verdict : int { LINE_OK, LINE_INVALID, LINE_REFUSED };
 // Scans "KEYWORD PATH START DURATION SIZE ID PTS [REST]" into `data`. LINE_INVALID without a keyword
 // "SEGMENT:", without a path, or with a zero byte; LINE_REFUSED (logged) for a path that does not fit or

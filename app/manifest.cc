@@ -1,11 +1,13 @@
 #include "app/manifest.h"
 
 #include "app/item.h"
+#include "app/seq.h"
 #include "app/task.h"
 #include "lib/check.h"
 #include "lib/log.h"
 #include "lib/util.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -94,7 +96,96 @@ static bool next_line(FILE *fp, char (&buf)[MAX_LINE], size_t *len) {
     return true;
 }
 
+// --- counting on from the sequence file ---
+
+// Every segment entry of the manifest has a number, whether or not it can be imported, so that number and
+// path stay paired.
+struct entry_count {
+    int64_t mseq;   // of the next segment entry
+    int64_t breaks; // before it
+    bool is_behind_segment;
+    bool is_on; // the sequence file's segment is among the entries
+    seq_anchor anchor;
+};
+
+// The path of a well-formed entry, empty for any other.
+static std::string_view entry_path(std::string_view line) {
+    line_scan scan{.rest = line};
+    return skip_number(&scan) && scan_word(&scan) == KEYWORD ? scan_word(&scan) : std::string_view{};
+}
+
+static bool is_anchor(const entry_count &count, std::string_view path) {
+    return path == count.anchor.path;
+}
+
+// Takes up what the next entry adds to the numbers of those behind it.
+static void count_entry(entry_count *count, std::string_view path) {
+    bool is_marker = path == DISCONTINUITY;
+    if (is_marker && count->is_behind_segment)
+        ++count->breaks;
+    if (!is_marker)
+        ++count->mseq;
+    count->is_behind_segment = !is_marker;
+}
+
+// Looks for the anchor; the first entry's numbers are then the anchor's less what stands between.
+static void find_anchor(pl_source *src, FILE *fp, entry_count *count) {
+    char buf[MAX_LINE];
+    size_t len = 0;
+    *count = {};
+    if (!seq_read(src, &count->anchor))
+        return;
+    while (next_line(fp, buf, &len)) {
+        std::string_view path = entry_path({buf, len});
+        if (path.empty())
+            break;
+        count->is_on = is_anchor(*count, path);
+        if (count->is_on)
+            break;
+        count_entry(count, path);
+    }
+    rewind(fp);
+    count->mseq = count->anchor.mseq - count->mseq;
+    count->breaks = count->anchor.breaks - count->breaks;
+    count->is_behind_segment = false;
+}
+
+// The numbers of the next item, if it is a segment.
+static void set_numbers(pl_source *src, const entry_count &count) {
+    src->next_mseq = static_cast<size_t>(std::max<int64_t>(count.mseq, 0));
+    src->breaks = static_cast<uint32_t>(std::max<int64_t>(count.breaks, 0));
+}
+
+static void begin_entry(pl_source *src, entry_count *count, std::string_view path) {
+    if (!count->is_on || path.empty() || path == DISCONTINUITY)
+        return;
+    if (is_anchor(*count, path)) {
+        count->mseq = count->anchor.mseq;
+        count->breaks = count->anchor.breaks;
+    }
+    set_numbers(src, *count);
+}
+
+// What comes next is behind all entries, and behind a break, also when the last of them could not be imported
+// and no marker tells of it.
+static void end_entries(pl_source *src, entry_count *count) {
+    const pl_item *newest = newest_item(src);
+    if (!count->is_on)
+        return;
+    if (count->is_behind_segment && !(newest && is_segment(newest)))
+        ++count->breaks;
+    set_numbers(src, *count);
+}
+
+static void note_anchor(pl_source *src, const entry_count &count, std::string_view path) {
+    const pl_item *item = newest_item(src);
+    if (count.is_on && is_anchor(count, path) && item && item->path && path == item->path)
+        src->seq_item = item;
+}
+
 static size_t import_lines(pl_source *src, FILE *fp) {
+    entry_count numbers;
+    find_anchor(src, fp, &numbers);
     char buf[MAX_LINE];
     size_t count = 0;
     size_t len = 0;
@@ -104,7 +195,12 @@ static size_t import_lines(pl_source *src, FILE *fp) {
         if (last_len != 0 && len != last_len)
             LOG(LL_WARN, "%s: last/current=%zu/%zu mismatch, corrupt manifest?\n", "read_manifest", last_len,
                 len);
+        std::string_view path = entry_path({buf, len});
+        begin_entry(src, &numbers, path);
         int rc = add_manifest_entry(src, {buf, len}, count + 1);
+        note_anchor(src, numbers, path);
+        if (!path.empty())
+            count_entry(&numbers, path);
         if (rc == 0)
             ++count;
         else if (rc == ENTRY_STOPS)
@@ -112,6 +208,7 @@ static size_t import_lines(pl_source *src, FILE *fp) {
         else
             LOG(LL_WARN, "%s: skipping over entry (rc=%d)\n", "read_manifest", rc);
     }
+    end_entries(src, &numbers);
     return count;
 }
 

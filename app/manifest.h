@@ -10,6 +10,7 @@
 // Imports the manifest of `src`; a missing one is normal. A malformed line ends the import; one that is stale
 // or refused and one whose file is missing or has another size are skipped (logged). Markers do not age. A
 // discontinuity marker closes what was imported.
+// With a sequence file whose segment is among the entries, counting goes on from it.
 void read_manifest(pl_source *src);
 // 0 when the line became an item, -7 for a stale entry, -1 for one that stops the import, or another error.
 int add_manifest_entry(pl_source *src, std::string_view line, size_t line_no);

@@ -153,6 +153,9 @@ struct pl_source {
     size_t tail_len;
     bool awaits_backup;      // a take-over failed for want of a descriptor and is tried again
     uint32_t breaks;         // discontinuity markers that were ever put into `items`
+    size_t next_mseq;        // of the next segment
+    const pl_item *seq_item; // the item that the sequence file names; null = another is to be named
+    bool has_seq_failed;     // told that the sequence file cannot be written
     pl_stretches *stretches; // owned by pl_stretch: kept compressed text; null = none
     unsigned target_sec;     // of strict playlists, it never sinks; 0 = no segment yet, and no minimum
 };

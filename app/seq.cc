@@ -1,0 +1,124 @@
+#include "app/seq.h"
+
+#include "lib/log.h"
+#include "lib/strops.h"
+#include "lib/util.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+
+LOG_UNIT(LOG_MOD_APP);
+
+static constexpr int64_t MAX_MSEQ =
+    1'000'000'000'000'000; // far from any overflow, however long a stream runs
+static constexpr int64_t MAX_BREAKS = 1'000'000'000;
+static constexpr size_t MAX_LINE = MAX_ITEM_PATH + 48;
+
+using seq_path = char[MAX_MANIFEST_PATH];
+
+static bool is_kept(const pl_source *src) {
+    return g_cfg.strict_hls && !is_backup_name(src->nametag);
+}
+
+static bool mk_path(const pl_source *src, const char *suffix, seq_path &path) {
+    int n = snprintf(path, sizeof(path), "%s/%s/%s.seq%s", src->param.data_dir, src->nametag, src->nametag,
+                     suffix);
+    return n > 0 && n < static_cast<int>(sizeof(path));
+}
+
+// --- reading ---
+
+// One whole line, and nothing else.
+static bool parse(std::string_view text, seq_anchor *anchor) {
+    if (text.empty() || text.back() != '\n' || text.find('\0') != std::string_view::npos)
+        return false;
+    text.remove_suffix(1);
+    line_scan scan{.rest = text};
+    std::string_view path = scan_word(&scan);
+    if (!scan_long(&scan, &anchor->mseq) || !scan_long(&scan, &anchor->breaks) || !scan.rest.empty() ||
+        path.size() >= sizeof(anchor->path))
+        return false;
+    copy_cut(anchor->path, sizeof(anchor->path), path);
+    return anchor->mseq >= 0 && anchor->mseq <= MAX_MSEQ && anchor->breaks >= 0 &&
+           anchor->breaks <= MAX_BREAKS;
+}
+
+bool seq_read(const pl_source *src, seq_anchor *anchor) {
+    seq_path path;
+    if (!is_kept(src) || !mk_path(src, "", path))
+        return false;
+    FILE *fp = fopen_regular(path);
+    if (!fp) {
+        if (errno != ENOENT && errno != ENOTDIR)
+            LOG_FN(LL_ERROR, "fopen(%s,..) ERROR(%d): %s\n", path, errno, strerror(errno));
+        return false;
+    }
+    char text[MAX_LINE + 1];
+    size_t len = fread(text, 1, sizeof(text), fp);
+    fclose(fp);
+    if (parse({text, len}, anchor))
+        return true;
+    LOG_FN(LL_WARN, "[%s] is no sequence file, it is not counted on from it\n", path);
+    return false;
+}
+
+// --- writing ---
+
+static bool write_text(const char *path, const char *text, size_t len) {
+    int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return false;
+    bool is_whole = write(fd, text, len) == static_cast<ssize_t>(len);
+    int err = is_whole ? 0 : errno;
+    is_whole = close(fd) == 0 && is_whole;
+    if (err != 0)
+        errno = err;
+    return is_whole;
+}
+
+static void report_failure(pl_source *src, const char *path) {
+    if (errno == ENOENT || src->has_seq_failed)
+        return;
+    src->has_seq_failed = true;
+    LOG(LL_ERROR, "%s: src[%s] cannot keep its numbers in [%s] ERROR(%d): %s\n", "seq_keep", src->nametag,
+        path, errno, strerror(errno));
+}
+
+static bool write_anchor(pl_source *src, const pl_item *item) {
+    seq_path path;
+    seq_path tmp;
+    char text[MAX_LINE];
+    if (!mk_path(src, "", path) || !mk_path(src, ".tmp", tmp))
+        return false;
+    int len = snprintf(text, sizeof(text), "%s %zu %u\n", item->path, item->mseq, item_breaks(item));
+    if (write_text(tmp, text, static_cast<size_t>(len)) && rename(tmp, path) == 0)
+        return true;
+    report_failure(src, path);
+    unlink(tmp);
+    return false;
+}
+
+void seq_keep(pl_source *src) {
+    if (!is_kept(src) || src->manif.is_feeding)
+        return;
+    const pl_item *item = newest_item(src);
+    if (item && !is_segment(item))
+        item = older_item(item);
+    if (!item)
+        return;
+    const pl_item *older = older_item(item);
+    bool is_behind_break = older && !is_segment(older) && src->seq_item != item;
+    if ((!src->seq_item || is_behind_break) && write_anchor(src, item))
+        src->seq_item = item;
+}
+
+void seq_retire(pl_source *src, const pl_item *item) {
+    const pl_item *named = src->seq_item;
+    if (named && (named == item || 2 * (newest_item(src)->mseq - named->mseq) > dlep_count(src->items)))
+        src->seq_item = nullptr;
+}
