@@ -193,9 +193,9 @@ void glog_disable_syslog();
 // opens itself again. The exit status of a log command is its own business.
 void log_close(log_ctx *log);
 
-// Records of one level, LL_NORM or less severe (syslog gets none of them), are gathered from here on and written
-// together: before the next record of another level, when many have come together, and at the end of the
-// gathering. For work that tells thousands of them in one pass.
+// Records of one level, LL_NORM or less severe (syslog gets none of them), are gathered from here on and
+// written together: before the next record of another level, when many have come together, and at the end of
+// the gathering. For work that tells thousands of them in one pass.
 void log_gather(log_ctx *log, int level);
 void log_gather_end();
 
