@@ -144,6 +144,7 @@ static int take_over(pl_source *src, pl_source *bkup) {
     take_prefix(src, bkup);
     bkup->is_defunct = true;
     bkup->master = src;
+    ++src->counts.take_overs;
     bkup->last_item_tm = 1;
     schedule_time_out();
     LOG(LL_INFO, "Roll-over from [%s]/fd%d to [%s]/fd%d completed\n", bkup->nametag, bkup->sockfd,

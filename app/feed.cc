@@ -31,6 +31,8 @@ static int process_line(pl_source *src, std::string_view line, int line_no) {
     std::string_view rest;
     line_scan scan{.rest = line};
     line_verdict verdict = scan_item(&scan, &data, &rest);
+    if (verdict != LINE_OK)
+        ++src->counts.refused[verdict == LINE_INVALID ? REFUSED_MALFORMED : REFUSED_VALUE];
     if (verdict == LINE_INVALID) {
         LOG(LL_ERROR, "%s: invalid input, [%.*s] n=%d\n", "read_source", static_cast<int>(line.size()),
             line.data(), scan.count);
@@ -47,7 +49,9 @@ static int process_line(pl_source *src, std::string_view line, int line_no) {
         return rc;
     // A reload may have turned reports on without a reporter, or off with one.
     if (g_cfg.mdr.is_enabled && g_ctx.mdr)
-        mdr_send(g_ctx.mdr, data.path, seg_expiry_time(&src->param, data.start_tm));
+        ++g_ctx.counts
+              .reports[mdr_send(g_ctx.mdr, data.path, seg_expiry_time(&src->param, data.start_tm)) == 0 ? 0
+                                                                                                        : 1];
     // A backup that was taken over is to go, however much still arrives through it.
     (src->master ? src->master : src)->last_item_tm = idle_clock();
     return 0;

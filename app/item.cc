@@ -230,6 +230,11 @@ static float_text print_float(float value) {
     return out;
 }
 
+// Of what `fill_segment` answers.
+static line_refusal refusal_of(int rc) {
+    return rc == 1 ? REFUSED_STAMP : rc == -1 ? REFUSED_SIZE : rc == -2 ? REFUSED_MISSING : REFUSED_OTHER;
+}
+
 int add_seg(pl_source *src, const item_data *data) {
     const pl_item *head = newest_item(src);
     auto *item = static_cast<pl_item *>(W_calloc(__func__, 1, sizeof(pl_item)));
@@ -237,6 +242,8 @@ int add_seg(pl_source *src, const item_data *data) {
         return ENOMEM;
     if (strcmp(data->path, DISCONTINUITY) != 0) {
         int rc = fill_segment(src, data, head, item);
+        if (rc != 0)
+            ++src->counts.refused[refusal_of(rc)];
         if (rc == 1)
             return skip_item(src, item, data->path);
         if (rc != 0) {
@@ -255,6 +262,7 @@ int add_seg(pl_source *src, const item_data *data) {
         return -1;
     }
     src->total_sec += item->duration;
+    (src->manif.is_feeding ? src->counts.imported : src->counts.accepted) += is_segment(item);
     if (is_segment(item))
         raise_target(src, item);
     LOG(LL_INFO, "added %s [%s]/%s m%zu  channel[%s] %s\n", src->manif.is_feeding ? "MANIF" : "LIVE",
@@ -278,7 +286,7 @@ void recycle_segfile(pl_source *src, pl_item *item) {
         file_path full;
         mk_full_path(src, src->rcy_fpath, full);
         LOG_FN(LL_DEBUG, "removing [%s]\n", full);
-        delete_file(__func__, full);
+        src->counts.deleted += delete_file(__func__, full) == 0;
         free(src->rcy_fpath);
     }
     src->rcy_fpath = item->path;
@@ -292,6 +300,7 @@ static void retire_oldest(pl_source *src) {
     pl_item *item = dlep_as<pl_item>(tail);
     if (is_segment(item)) {
         src->total_sec -= item->duration;
+        ++src->counts.retired;
         LOG(LL_DEBUG, "%s: retiring [%s] (m%zu) %f sec, new-total=%f sec\n", "apply_src_changes", item->path,
             item->mseq, item->duration, src->total_sec);
         recycle_segfile(src, item);

@@ -7,6 +7,7 @@
 #include "app/options.h"
 #include "app/rq.h"
 #include "app/startup.h"
+#include "app/status.h"
 #include "app/task.h"
 #include "common/meta.h"
 #include "lib/check.h"
@@ -236,6 +237,7 @@ static int do_idle_tasks() {
     process_signals();
     time_out_src_tasks();
     time_out_requests();
+    status_pass();
     return 0;
 }
 

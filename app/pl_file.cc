@@ -8,6 +8,7 @@
 #include "lib/check.h"
 #include "lib/log.h"
 #include "lib/syswrap.h"
+#include "lib/timeop.h"
 #include "lib/util.h"
 
 #include <cerrno>
@@ -33,6 +34,7 @@ static constexpr size_t MIN_IO_ITEMS = 10;
 static struct pl_writer {
     int fd = -1;
     bool has_failed;
+    size_t bytes_out;
     char text[CHUNK];
     char bytes[CHUNK];
 } g_out;
@@ -47,6 +49,7 @@ static void drain_to_file(text_sink *sink) {
         g_out.has_failed = n <= 0;
         if (n > 0) {
             at += n;
+            g_out.bytes_out += static_cast<size_t>(n);
             sink->len -= static_cast<size_t>(n);
         }
     }
@@ -91,6 +94,7 @@ static bool write_text(const pl_task *task, pl_totals *totals) {
 static bool out_open(const char *path) {
     g_out.fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     g_out.has_failed = false;
+    g_out.bytes_out = 0;
     return g_out.fd >= 0;
 }
 
@@ -199,6 +203,20 @@ static write_result write_playlist(pl_task *task, bool is_new, pl_totals *totals
     return WRITE_FAILED;
 }
 
+static void count_writing(const pl_task *task, write_result result, const timespec &began) {
+    write_counts &counts = g_ctx.counts.writes[kind_of(task->tag.num)];
+    timespec now;
+    set_clk_now(&now, CLOCK_MONOTONIC);
+    int64_t usec = (now.tv_sec - began.tv_sec) * 1'000'000 + (now.tv_nsec - began.tv_nsec) / 1000;
+    size_t i = 0;
+    while (i < WRITE_BUCKETS && usec > WRITE_BOUNDS_US[i])
+        ++i;
+    ++counts.by_usec[i];
+    counts.usec += static_cast<uint64_t>(usec);
+    ++(result == WRITTEN ? counts.written : counts.failed);
+    counts.bytes += result == NOT_BEGUN ? 0 : g_out.bytes_out;
+}
+
 static int clamp_sec(double sec) {
     return sec >= INT_MAX ? INT_MAX : sec <= INT_MIN ? INT_MIN : static_cast<int>(nearbyint(sec));
 }
@@ -212,8 +230,12 @@ int mk_playlist(pl_task *task) {
         task->must_sync_playlist = false;
         return is_new ? report_failure(task, "no items") : 0;
     }
-    if (!is_new || name_playlist(task) == 0)
+    if (!is_new || name_playlist(task) == 0) {
+        timespec began;
+        set_clk_now(&began, CLOCK_MONOTONIC);
         result = write_playlist(task, is_new, &totals);
+        count_writing(task, result, began);
+    }
     // A name that was never written has no file to delete.
     if (is_new && result != WRITTEN)
         task->fpath[0] = '\0';

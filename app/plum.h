@@ -128,6 +128,27 @@ struct manifest_ctx {
 
 struct pl_stretches;
 
+// Why a line of a source was not taken.
+enum line_refusal : size_t {
+    REFUSED_MALFORMED,
+    REFUSED_VALUE,   // a path or a duration
+    REFUSED_STAMP,   // no newer than the one before
+    REFUSED_SIZE,    // the file has another size
+    REFUSED_MISSING, // ... or is not there
+    REFUSED_OTHER,
+    REFUSED_REASONS
+};
+
+// What has happened to a source since it was created; told in the status file.
+struct src_counts {
+    uint64_t accepted; // segments reported
+    uint64_t imported; // segments of the manifest
+    uint64_t refused[REFUSED_REASONS];
+    uint64_t retired; // segments
+    uint64_t deleted; // their files
+    uint64_t take_overs;
+};
+
 struct pl_source {
     n32_tag tag; // PL_SRC
     char nametag[MAX_SRC_NAME];
@@ -158,6 +179,7 @@ struct pl_source {
     bool has_seq_failed;     // told that the sequence file cannot be written
     pl_stretches *stretches; // owned by pl_stretch: kept compressed text; null = none
     unsigned target_sec;     // of strict playlists, it never sinks; 0 = no segment yet, and no minimum
+    src_counts counts;
 };
 static_assert(std::is_trivially_copyable_v<pl_source>);
 
@@ -237,6 +259,34 @@ struct pl_urq {
 
 // --- the application context ---
 
+// Kinds of playlists and of requests for them.
+enum pl_kind : size_t { KIND_LIV, KIND_VOD, KIND_EVE, PL_KINDS };
+
+inline constexpr int HTTP_CODES[] = {200, 400, 403,
+                                     404, 503, 500}; // of answers; the last stands for any other
+inline constexpr size_t HTTP_COUNT = sizeof(HTTP_CODES) / sizeof(HTTP_CODES[0]);
+inline constexpr int64_t WRITE_BOUNDS_US[] = {100, 300, 1000, 3000, 10000, 30000, 100000, 1000000};
+inline constexpr size_t WRITE_BUCKETS = sizeof(WRITE_BOUNDS_US) / sizeof(WRITE_BOUNDS_US[0]);
+
+// Playlist files of one kind.
+struct write_counts {
+    uint64_t written;
+    uint64_t failed;
+    uint64_t bytes;
+    uint64_t usec;                       // spent writing
+    uint64_t by_usec[WRITE_BUCKETS + 1]; // written within each bound; the last: beyond
+};
+
+// What has happened since the start; told in the status file.
+struct app_counts {
+    write_counts writes[PL_KINDS];
+    uint64_t requests[PL_KINDS][HTTP_COUNT];
+    uint64_t unanswered;     // request lines
+    uint64_t reports[2];     // sent, failed
+    uint64_t passes;         // of the event loop
+    int64_t longest_pass_us; // since the status was last written
+};
+
 struct mdr_ctx;
 using mdr_t = mdr_ctx *;
 
@@ -260,6 +310,7 @@ struct plum_ctx {
     mdr_t mdr;            // null = no reports
     int64_t wall_lead_ms; // of the wall clock before the loop's, at the last check of the tasks
     sweep_ctx sweep;
+    app_counts counts;
 };
 
 inline constinit plum_ctx g_ctx{};
@@ -283,6 +334,9 @@ inline pl_item *older_item(const pl_item *item) {
 inline pl_source *src_by_name(const char *nametag) {
     void *found = nullptr;
     return skht_get(g_ctx.src_ht, nametag, &found) == 0 ? static_cast<pl_source *>(found) : nullptr;
+}
+inline pl_kind kind_of(uint32_t tag) {
+    return tag == PL_LIV ? KIND_LIV : tag == PL_VOD ? KIND_VOD : KIND_EVE;
 }
 // Where the source's files are: its own directory, or the configured one.
 inline const char *src_data_dir(const pl_source *src) {

@@ -230,11 +230,25 @@ static int answer(pl_urq *urq, const pl_line &line) {
     return get_vod_pl(urq, line.itag, line.nametag);
 }
 
+static void count_answer(const pl_urq *urq, const char *kind, int code) {
+    if (!urq->response) {
+        ++g_ctx.counts.unanswered;
+        return;
+    }
+    int letter = toupper(static_cast<unsigned char>(kind[0]));
+    int status = errno2http(code);
+    size_t i = 0;
+    while (i < HTTP_COUNT - 1 && HTTP_CODES[i] != status)
+        ++i;
+    ++g_ctx.counts.requests[letter == 'L' ? KIND_LIV : letter == 'V' ? KIND_VOD : KIND_EVE][i];
+}
+
 int process_pl_rq(pl_urq *urq) {
     pl_line line;
     scan_pl_line(urq->text, &line);
     if (line.count < 3 || line.count > 6) {
         LOG_FN(LL_ERROR, "%d items scanned, bad format\n", line.count);
+        ++g_ctx.counts.unanswered;
         return -1;
     }
     if (line.duration == -1 && line.timestamp >= 1) {
@@ -244,6 +258,7 @@ int process_pl_rq(pl_urq *urq) {
     if (line.rest[0])
         process_rest(urq, line.rest, FIELD_SIZE);
     int rc = answer(urq, line);
+    count_answer(urq, line.kind, rc);
     // The options were those of this line.
     free(urq->peer_tag);
     urq->peer_tag = nullptr;

@@ -1,6 +1,7 @@
 #include "lib/log.h"
 
 #include "lib/check.h"
+#include "lib/logcount.h"
 #include "lib/sigflag.h"
 
 #include <cerrno>
@@ -178,6 +179,8 @@ void log_record(log_ctx *log, int level, const loglevel_ctx &unit, const char *f
         log_lard(log, level);
     }
     if (log_passes(level, unit)) {
+        if (static_cast<size_t>(level - LL_PANIC) < LOG_COUNTED)
+            ++g_log_written[level - LL_PANIC];
         if (logbuf_empty()) {
             va_start(args, format);
             vprepare(log, level, format, args);
