@@ -33,7 +33,7 @@ for group; do
     exit 2
 done
 
-scripts/install-deps.sh build test web hls edge browser
+scripts/install-deps.sh build test web hls edge browser status
 for group; do
     echo "== $group"
     "group_$group"
