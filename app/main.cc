@@ -27,7 +27,6 @@
 
 LOG_UNIT(LOG_MOD_APP);
 
-static constexpr int HUP_WAIT_MS = 10;
 static constexpr int64_t CONFIG_LOOK_MS = 10; // between two looks at the configuration file
 static constexpr char FALLBACK_HOME[] = "/tmp";
 
@@ -43,23 +42,17 @@ static void report_expired(const n32_tag &tag, const void *record) {
     check_failed("known record type", __FILE__, __LINE__, "on_read");
 }
 
-// Whether a connection that hung up still has something to read. A closed peer always reads as readable, so
-// that only a wait that times out leaves something to look at.
-static bool has_pending_data(const pl_urq *urq) {
-    if (wait_to_read(urq->rq.fd, HUP_WAIT_MS) == 1)
-        return true;
-    LOG(LL_DEBUG, "%s: no data pending for fd%d\n", "on_read", urq->rq.fd);
-    return false;
-}
-
 // A producer may write its lines and go at once: they are its work, and no answer is waited for.
 static bool has_source_lines(const pl_urq *urq) {
     return urq->kind.num == YLI_tag && bytes_to_read(urq->rq.fd) > 0;
 }
 
 static int read_urq(pl_urq *urq, int err) {
-    bool is_data = err == 0 || has_source_lines(urq) || (err == RQS_HUP && has_pending_data(urq));
+    bool is_data = err == 0 || has_source_lines(urq);
     if (!is_data) {
+        // A connection that hung up is readable for good: waiting for that would tell nothing.
+        if (err == RQS_HUP)
+            LOG(LL_DEBUG, "%s: no data pending for fd%d\n", "on_read", urq->rq.fd);
         LOG(hangup_level(err & ~RQS_HUP), "%s: URQ [%s] (%p) err=%d\n", "on_read", urq->rq.trk_tag.sym8,
             static_cast<void *>(urq), err);
         pprm_urq(urq);

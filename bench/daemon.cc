@@ -60,9 +60,10 @@ static std::string write_config(const bench_daemon &d, const temp_dir &dir, cons
     fprintf(fp,
             "lum: {\n src_socket = \"%s\";\n pl_socket = \"%s\";\n data_dir = \"%s\";\n"
             " verify_item_filesize = false;\n task_tmout_sec = 100;\n%s\n"
-            " log: { file = \"%s\"; level = \"info\"; enable_syslog = false; };\n"
+            " log: { file = \"%s\"; level = \"info\"; hangups = \"%s\"; enable_syslog = false; };\n"
             " runtime: { non_daemon = true; quiet = true; };\n};\n",
-            d.src_socket.c_str(), d.pl_socket.c_str(), dir.path.c_str(), extra, (dir / "log").c_str());
+            d.src_socket.c_str(), d.pl_socket.c_str(), dir.path.c_str(), extra, (dir / "log").c_str(),
+            d.hangups);
     fclose(fp);
     return path;
 }

@@ -9,7 +9,8 @@ struct bench_daemon {
     pid_t pid = -1;
     std::string pl_socket;
     std::string src_socket;
-    int producer = -1; // the connection of its one source, "chan"
+    int producer = -1;           // the connection of its one source, "chan"
+    const char *hangups = "err"; // level of the records of closed connections
 };
 
 // Starts it with the log at level info in a file of `dir`, pinned to `core` unless that is negative, and

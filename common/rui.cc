@@ -7,10 +7,13 @@
 #include "lib/syswrap.h"
 
 #include <cerrno>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <initializer_list>
+#include <iterator>
+#include <poll.h>
 #include <unistd.h>
 
 LOG_UNIT(LOG_MOD_APP);
@@ -317,6 +320,12 @@ static accept_step on_accept_failure(rui_socket_ctx *srv, int err) {
     }
 }
 
+// For an accept that finds the queue empty the kernel makes a socket and throws it away; a look costs less.
+static bool is_queue_empty(const rui_socket_ctx *srv) {
+    pollfd listener = {.fd = srv->sockfd, .events = POLLIN, .revents = 0};
+    return poll(&listener, 1, 0) == 0;
+}
+
 int rui_accept(rui_socket_ctx *srv, size_t max_accept, int flags, void *data) {
     const char *alias = srv->lc->alias;
     LOG_FN(LL_DEBUG, "from [%s]\n", alias);
@@ -330,7 +339,9 @@ int rui_accept(rui_socket_ctx *srv, size_t max_accept, int flags, void *data) {
             char room[128];
         } addr{};
         socklen_t len = sizeof(addr);
-        int fd = W_accept4(__func__, srv->sockfd, &addr.sa, &len, SOCK_NONBLOCK);
+        errno = EAGAIN;
+        bool is_end = tries > 0 && is_queue_empty(srv); // the first is what the event told of
+        int fd = is_end ? -1 : W_accept4(__func__, srv->sockfd, &addr.sa, &len, SOCK_NONBLOCK);
         if (fd >= 0) {
             if (take_connection(srv, fd, &addr.sa, len, flags, data))
                 ++accepted;
@@ -470,10 +481,11 @@ void rui_mk_trknum(size_t *count, n64_tag *tag, char pfx, size_t max) {
     tag->num64 = 0;
     tag->sym8[0] = pfx;
     // Six digits are cut to five: number 100000 shows as 10000.
-    char digits[24];
-    int n = snprintf(digits, sizeof(digits), "%04lu", static_cast<unsigned long>(*count));
+    char digits[24] = "000"; // at least four
+    size_t zeros = *count < 10 ? 3 : *count < 100 ? 2 : *count < 1000 ? 1 : 0;
+    auto n = std::to_chars(digits + zeros, std::end(digits), *count).ptr - digits;
     CHECK(n >= 1 && n <= 6);
-    memcpy(tag->sym8 + 1, digits, static_cast<size_t>(n < 5 ? n : 5));
+    memcpy(tag->sym8 + 1, digits, n < 5 ? static_cast<size_t>(n) : 5);
 }
 
 [[noreturn]] void rui_crash_on_error(rui_socket_ctx *srv, bool is_hup, const char *caller) {
