@@ -191,17 +191,4 @@ TEST_F(Expiry, ManyTasksAreSweptInSlices) {
     EXPECT_TRUE(sources[0]->tasks.len == 0 && sources[1]->tasks.len == EACH / 2);
 }
 
-TEST_F(Expiry, AReusedSlotIsNotTheListedTask) {
-    pl_source *src = source();
-    append(src, {10});
-    pl_task *made = task(src, PL_LIV, true, oldest_item(src), newest_item(src));
-    pprm_task(made);
-    rm_task(made);
-    pl_task *next = task(src, PL_LIV, true, oldest_item(src), newest_item(src));
-    ASSERT_EQ(next, made);
-    EXPECT_EQ(get_ref_task(&g_ctx.pprm_tasks, 0), nullptr);
-    pprm_task_cleanup();
-    EXPECT_EQ(tasks_of(src).size(), 1u);
-}
-
 } // namespace

@@ -78,6 +78,7 @@ TEST_F(PlStretch, SaysWhatPlainTextSays) {
                 like.ilast = one_in(3) ? newest_item(src) : item(src, first + upto(count - 1 - first));
                 like.ilast->is_endlist = one_in(10);
                 like.is_live = one_in(2);
+                like.is_strict = turn % 20 >= 10;
                 like.end_time =
                     one_in(2) ? item(src, upto(count - 1))->start_tm + static_cast<long>(upto(20)) : 0;
                 SCOPED_TRACE(testing::Message()

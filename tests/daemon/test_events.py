@@ -1,10 +1,9 @@
 """Event and time-shift requests."""
 import itertools
-import os
 
 import pytest
 
-from harness import names, until
+from harness import names
 
 BIG = 2**63 - 1
 
@@ -27,25 +26,6 @@ def test_events_follow_the_feed(lumo, peer):
     segs += src.feed(3, dur=10.0)
     d.is_answering()
     assert event.playlist.text == playlist.text
-
-def test_finished_events_outlive_their_segments(lumo):
-    """Such a task is found by its key, but no new range is taken for its own."""
-    d = lumo(log={"level": "debug"}, task_tmout_sec=1)
-    src = d.source(params=f"max_sec=100 data_dir={d.data}", start=1700000000)
-    segs = src.feed(10, dur=10.0)
-    line = f"T1 EVE chan {segs[0].start} 30"
-    event = d.ask(line)
-    text = event.playlist.text
-    assert event.playlist.is_ended and event.playlist.names == names(segs[:3])
-    for _ in range(12):
-        segs += src.feed(1, dur=10.0)
-        oldest = segs[-10]
-        assert d.ask(line).path == event.path and event.playlist.text == text
-        other = d.ask(f"T1 EVE chan {oldest.start} 30")
-        assert other.playlist.names == names(segs[-10:-7])
-    os.utime(event.path + ".alk", (0, 0))
-    until(lambda: not os.path.exists(event.path), "the task to expire", poke=d.poke)
-    assert d.ask(line).error == (404, "no data for the event")
 
 TIMES = [0, -1, -600, "{t}", BIG, -BIG - 1, 2**64]
 LENGTHS = [0, -2, 10, BIG, -BIG - 1]

@@ -2,13 +2,12 @@
 import os
 import resource
 import signal
-import subprocess
 import threading
 import time
 
 import pytest
 
-from harness import IS_ROOT, at_end, connect, names, until
+from harness import at_end, connect, names, until
 
 KINDS = ("LIV chan", "VOD chan", "EVE chan -600 0", "EVE chan {start} 5", "EVE chan {start} 100000 peer=p")
 
@@ -36,46 +35,6 @@ def test_data_directory_vanishes_and_comes_back(lumo, refresh):
     expected = names(segs) + [f"lost{n}.ts" for n in range(3)] + ["s4.ts"]
     assert d.ask("T1 VOD chan").playlist.names == expected
     assert d.ask("T1 LIV chan").playlist.names[-4:] == expected[-4:]
-
-def test_full_disk(make):
-    if not IS_ROOT:
-        pytest.skip("only root mounts")
-    d = make(refresh_playlists=True, max_live_items=64)
-    mount = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "tmpfs", d.data], capture_output=True)
-    if mount.returncode:
-        pytest.skip("mounting is not allowed here")
-    try:
-        d.start()
-        src = d.source()
-        segs = src.feed(60)
-        live = d.ask("T1 LIV chan")
-        before = live.playlist.text
-        filler = os.open(d.data + "/filler", os.O_WRONLY | os.O_CREAT)
-
-        def fill():
-            for size in (4096, 1):
-                with pytest.raises(OSError):
-                    while True:
-                        os.write(filler, b"f" * size)
-
-        fill()
-        seg = segs[-1]
-        src.send(f"SEGMENT: {seg.path} {src.next_start} 1 188 7 1\n")
-        d.wait_log(rf"added LIVE .* m60 .*{seg.path}\n")
-        # The record comes before the playlist is given up; an answer tells that the daemon is through with both.
-        assert d.ask("T1 LIV nobody").error == (404, "source not found")
-        for kind in ("LIV chan", "VOD chan", f"EVE chan {segs[0].start} 0"):
-            fill()
-            assert d.ask("T1 " + kind).error == (500, "internal")
-        assert not d.files("*.tmp") and not [name for name in d.files("*.m3u8") if os.path.getsize(name) == 0]
-        os.ftruncate(filler, 0)
-        os.close(filler)
-        live = d.ask("T1 LIV chan")
-        assert live.playlist.text != before and live.playlist.names[-2:] == names([seg, seg])
-        assert d.ask("T1 VOD chan").playlist.names == names(segs + [seg])
-    finally:
-        d.stop()
-        subprocess.run(["umount", "-l", d.data], check=True)
 
 # --- crowds ---
 

@@ -135,5 +135,10 @@ def test_odd_manifests_and_short_segments(lumo):
         assert text.target == 12 and text.segments[text.last].breaks > 1
         assert text.last == 5
     parse_strictly(channel.texts)
-    d.source("tiny", start=now).feed(3, dur=0.3)
+    tiny = d.source("tiny", start=now)
+    tiny.feed(3, dur=0.3)
     assert Follower().look(read(d.ask("T1 LIV tiny").path)).target == 1
+    tiny.feed(1, dur=1.5)
+    d.wait_log(r"tiny/s3.ts\] of 1.5\d* sec raises the target duration from 1 to 2")
+    tiny.feed(9, dur=0.3)
+    assert Follower().look(read(d.ask("T1 LIV tiny").path)).target == 2, "it does not sink with the window"
