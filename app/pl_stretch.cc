@@ -55,6 +55,7 @@ static bool tell_stretch(const pl_item *item, const pl_style &style, text_sink *
     size_t first = item->mseq;
     *span = {};
     span->first = item;
+    span->has_lead = follows_break(item);
     for (size_t segments = 0;; item = newer_item(item)) {
         if (!item || is_foreign(item, first + segments, first))
             return false;

@@ -217,11 +217,15 @@ static void put_break(text_sink *out) {
     sink_printf(out, "#EXT-X-DISCONTINUITY\n");
 }
 
-static void put_breaks_before(text_sink *out, const pl_item *segment) {
+bool follows_break(const pl_item *segment) {
     const pl_item *older = older_item(segment);
-    if (!older || is_segment(older))
+    return older && !is_segment(older);
+}
+
+static void put_breaks_before(text_sink *out, const pl_item *segment) {
+    if (!follows_break(segment))
         return;
-    for (; older && !is_segment(older); older = older_item(older))
+    for (const pl_item *older = older_item(segment); older && !is_segment(older); older = older_item(older))
         put_break(out);
     put_date(out, segment);
 }
@@ -249,10 +253,15 @@ static void put_first_item(text_sink *out, const pl_item *item, const pl_style &
 
 // The ready text that begins with the item and does not hold the event's end.
 static const text_span *put_span(text_sink *out, const pl_task *task, const pl_item *item,
-                                 const text_spans *spans) {
+                                 const text_spans *spans, bool is_first) {
     const text_span *span = spans->find(spans, item, task->ilast);
     if (!span || (task->end_time > 0 && task->end_time <= span->reach))
         return nullptr;
+    if (is_first && task->is_strict) {
+        if (span->has_lead)
+            return nullptr;
+        put_date(out, item);
+    }
     out->drain(out);
     spans->put(span);
     return span;
@@ -262,8 +271,7 @@ void put_items(text_sink *out, const pl_task *task, const pl_style &style, const
                pl_totals *totals) {
     bool is_first = true;
     for (const pl_item *item = task->ifirst;; item = newer_item(item)) {
-        const bool may_span = spans && !(is_first && style.is_strict);
-        while (const text_span *span = may_span ? put_span(out, task, item, spans) : nullptr) {
+        while (const text_span *span = spans ? put_span(out, task, item, spans, is_first) : nullptr) {
             totals->total_sec += span->total_sec;
             item = span->end;
             is_first = false;
