@@ -250,6 +250,7 @@ class Demo:
 
     def stand_in(self, live_files):
         print(f"\n== Stand-in: the main producer is killed, ~{CHANNEL} takes over", flush=True)
+        self.wait("the stand-in to be known", lambda: f"src[~{CHANNEL}]" in (self.root / "lumo.log").read_text())
         unfinished = self.media / f"main-{self.noted('main') + 1:06d}.ts"
         self.wait("a segment half written", lambda: unfinished.exists() and unfinished.stat().st_size > 0)
         self.kill_producer("main")

@@ -75,7 +75,8 @@ def names(first, last, name="main"):
 
 def listed(d):
     """All that the daemon has, breaks left out: those at a hand-over are its own."""
-    return [name for name in d.ask("T1 VOD chan").playlist.names if name != "DIS"]
+    reply = d.ask("T1 VOD chan")
+    return [] if reply.error else [name for name in reply.playlist.names if name != "DIS"]
 
 def probe(path):
     out = subprocess.run(["ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries", "packet=pts", "-of",
@@ -278,8 +279,7 @@ def test_stand_in(lumo):
     main.end()
     count = backup.text().count("as the stand-in")
     d.start()
-    backup.wait("it has the manifest")
-    until(lambda: listed(d)[-1].startswith("backup"), "the stand-in as the channel")
+    until(lambda: any(name.startswith("backup") for name in listed(d)[-1:]), "the stand-in as the channel")
     order = [name for name in noted(d) if name != "DISCONTINUITY"]
     assert listed(d)[:len(order)] == order and len(set(order)) == len(order)
     assert backup.text().count("as the stand-in") == count

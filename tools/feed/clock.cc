@@ -57,7 +57,9 @@ static const char *reason_to_break(stream_clock *clock, double start, double dur
         std::abs(static_cast<double>(pts_step(clock->raw_pts, raw_pts)) / TS_HZ - step) > MAX_GAP)
         return "the time stamps do not go on";
     if (has_drifted(clock, start + clock->unwrapped + duration, duration, now))
-        return "stream and wall clock are more than a segment apart";
+        return now > clock->anchor + clock->end
+                   ? "the stream is more than a segment behind the wall clock"
+                   : "the stream runs ahead of the wall clock (a file wants -re)";
     return nullptr;
 }
 
@@ -79,7 +81,15 @@ static int64_t reported_pts(const stream_clock *clock, bool is_break, int64_t ra
     return clock->pts + pts_step(clock->pts, raw_pts);
 }
 
+// A segmenter counts the first segment from zero, wherever its time stamps begin.
+static double first_start(double start, double end, int64_t raw_pts) {
+    double stamp = static_cast<double>(raw_pts) / TS_HZ;
+    return stamp > start && stamp < end ? stamp : start;
+}
+
 seg_time clock_place(stream_clock *clock, double start, double end, int64_t raw_pts, double now) {
+    if (clock->has_input_stamps && !clock->is_anchored && raw_pts != TS_NONE)
+        start = first_start(start, end, raw_pts);
     double duration = end - start;
     const char *odd = duration <= 0 ? "the stream's time stands still or goes back" : nullptr;
     if (duration > std::max(ABSURD_SEC, 10 * clock->segment_sec))

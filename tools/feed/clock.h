@@ -15,17 +15,18 @@
 #include <cstdint>
 
 struct stream_clock {
-    double segment_sec = 4;    // nominal length
-    double ago = 0;            // seconds that the first run begins in the past
-    double run_began = 0;      // wall clock
-    bool is_anchored = false;  // false at the beginning of a run
-    bool is_arriving = false;  // on the way from the past to the wall clock
-    double anchor = 0;         // wall clock of the stream's time zero
-    double unwrapped = 0;      // added to the stream's times
-    double start = 0, end = 0; // of the last segment, unwrapped
-    int64_t raw_pts = -1;      // of the last segment
-    int64_t pts = 0;           // as reported
-    int drifted = 0;           // segments in a row
+    double segment_sec = 4;        // nominal length
+    double ago = 0;                // seconds that the first run begins in the past
+    bool has_input_stamps = false; // times and time stamps are the same clock
+    double run_began = 0;          // wall clock
+    bool is_anchored = false;      // false at the beginning of a run
+    bool is_arriving = false;      // on the way from the past to the wall clock
+    double anchor = 0;             // wall clock of the stream's time zero
+    double unwrapped = 0;          // added to the stream's times
+    double start = 0, end = 0;     // of the last segment, unwrapped
+    int64_t raw_pts = -1;          // of the last segment
+    int64_t pts = 0;               // as reported
+    int drifted = 0;               // segments in a row
 };
 
 struct seg_time {

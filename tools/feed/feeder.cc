@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 static constexpr char BREAK_LINE[] = "SEGMENT: DISCONTINUITY";
 // A channel whose feeder has just gone may look occupied; after so many refusals somebody else feeds it.
@@ -39,6 +40,7 @@ void feeder_init(feeder *feed, const feed_options *opts) {
     feed->mft.depth_sec = opts->depth_sec;
     feed->link.socket_path = opts->socket;
     feed->clock.segment_sec = static_cast<double>(opts->segment_sec);
+    feed->clock.has_input_stamps = opts->retain_pts;
     feed->clock.ago = static_cast<double>(opts->ago_sec);
 }
 
@@ -217,22 +219,25 @@ void feeder_run_ends(feeder *feed) {
     mft_release(&feed->mft);
 }
 
-// The size and first time stamp of a file; false, told, when there is nothing to report.
-static bool examine(const std::string &full, bool is_own, long *size, int64_t *pts) {
-    fd_guard file(open(full.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+// The size and first time stamp of a file; false, told, when there is nothing to report. What the encoder
+// could not write whole takes up room that is wanted.
+static bool examine(const feeder &feed, const std::string &path, long *size, int64_t *pts) {
+    bool is_own = feed.opts->mode != FEED_LIST;
+    std::string full = store_full(feed.store, path);
+    int as_owner = is_own ? O_NOATIME : 0; // the inode is not written for a look
+    fd_guard file(open(full.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | as_owner));
     struct stat st;
     if (file.fd < 0 || fstat(file.fd, &st) != 0 || !S_ISREG(st.st_mode)) {
         say(SAY_ERROR, "left out: no segment [%s]: %s", full.c_str(),
             file.fd < 0 ? strerror(errno) : "no file");
         return false;
     }
-    bool is_cut = st.st_size == 0 || (is_own && st.st_size % static_cast<long>(TS_PACKET) != 0);
-    if (is_cut) {
-        say(SAY_ERROR, "left out: [%s] was not written whole, %ld bytes", full.c_str(),
-            static_cast<long>(st.st_size));
+    *size = st.st_size;
+    if (*size == 0 || (is_own && *size % static_cast<long>(TS_PACKET) != 0)) {
+        say(SAY_ERROR, "left out: [%s] was not written whole, %ld bytes", full.c_str(), *size);
+        drop_file(feed, path);
         return false;
     }
-    *size = st.st_size;
     *pts = ts_probe(file.fd);
     return true;
 }
@@ -264,14 +269,13 @@ static void tell_segment(const feeder &feed, const seg_entry &entry, const seg_t
         say(SAY_DETAIL, "%s", entry.line.c_str());
 }
 
-void feeder_on_row(feeder *feed, const seg_row &row) {
+bool feeder_on_row(feeder *feed, const seg_row &row) {
     std::string path = store_segment(feed->store, row.file);
     long size = 0;
     int64_t pts = TS_NONE;
-    if (!is_path_fit(path) ||
-        !examine(store_full(feed->store, path), feed->opts->mode != FEED_LIST, &size, &pts)) {
+    if (!is_path_fit(path) || !examine(*feed, path, &size, &pts)) {
         feed->must_break = true;
-        return;
+        return false;
     }
     seg_time at = clock_place(&feed->clock, row.start, row.end, pts, wall_now());
     seg_entry entry = make_entry(*feed, path, at, size);
@@ -280,13 +284,14 @@ void feeder_on_row(feeder *feed, const seg_row &row) {
     ++feed->segments;
     feed->last_size = size;
     feed->media_sec += at.duration;
-    feed->held.push_back(entry);
+    feed->held.push_back(std::move(entry));
     bool has_taken_over = !feeder_is_on_air(*feed) && feed->link.state != LINK_OFF && take_air(feed);
     if (has_taken_over)
         link_close(&feed->link);
     if (feed->link.state == LINK_OFF)
         call_daemon(feed);
     settle(feed);
+    return true;
 }
 
 // --- the end ---

@@ -51,8 +51,8 @@ void feeder_init(feeder *feed, const feed_options *opts);
 void feeder_run_begins(feeder *feed);
 void feeder_run_ends(feeder *feed);
 
-// A segment is finished.
-void feeder_on_row(feeder *feed, const seg_row &row);
+// A segment is finished. False, told, when it is left out.
+bool feeder_on_row(feeder *feed, const seg_row &row);
 
 // To be called when poll reports something on the link's descriptor, and in every pass.
 void feeder_on_link(feeder *feed, short revents);

@@ -49,8 +49,8 @@ static int run(session *self, int signal_fd) {
     int64_t next_state = 0;
     while (!session_is_over(*self)) {
         show_state(*self, &next_state);
-        session_wait(self, signal_fd, static_cast<int>(next_state - mono_now_ms()));
-        take_signals(self, signal_fd);
+        if (session_wait(self, signal_fd, static_cast<int>(next_state - mono_now_ms())))
+            take_signals(self, signal_fd);
         session_on_time(self);
     }
     say_clear();

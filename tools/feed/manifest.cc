@@ -8,13 +8,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-static constexpr long MIN_SLACK_SEC = 20; // pruning waits until a tenth of the depth, or this, is too old
+static constexpr time_t KEEP_SEC = 10;
 static constexpr size_t MAX_LINE = 254;
 
 struct entry {
@@ -178,22 +179,31 @@ static bool is_deleted(const manifest &mft) {
 
 // A part of a line is taken back: the file ends with a whole one at any time.
 static bool append(manifest *mft) {
-    off_t size = lseek(mft->fd, 0, SEEK_END);
     ssize_t n = write(mft->fd, mft->unwritten.data(), mft->unwritten.size());
     if (n == static_cast<ssize_t>(mft->unwritten.size()))
         return true;
     int err = n < 0 ? errno : ENOSPC;
-    if (n > 0 && ftruncate(mft->fd, size) != 0)
+    struct stat st;
+    if (n > 0 && (fstat(mft->fd, &st) != 0 || ftruncate(mft->fd, st.st_size - n) != 0))
         err = errno;
     tell_failure(mft, "write", err);
     return false;
 }
 
+// Now and then the file is looked after: too old entries go, and it is made again when somebody has deleted
+// it.
+static void keep_up(manifest *mft, time_t now) {
+    if (std::abs(now - mft->kept_at) < KEEP_SEC)
+        return;
+    mft->kept_at = now;
+    if (is_deleted(*mft) || now - mft->oldest > mft->depth_sec + mft->depth_sec / 10)
+        rewrite(mft, now);
+}
+
 void mft_note(manifest *mft, std::string_view line, time_t start_tm, time_t now) {
     mft->unwritten += std::to_string(++mft->number) + ": ";
     mft->unwritten.append(line) += '\n';
-    if (is_deleted(*mft))
-        rewrite(mft, now);
+    keep_up(mft, now);
     if (mft->oldest == 0)
         mft->oldest = start_tm;
     if (!append(mft))
@@ -202,6 +212,4 @@ void mft_note(manifest *mft, std::string_view line, time_t start_tm, time_t now)
     if (mft->is_failing)
         say(SAY_NOTE, "the manifest is written again");
     mft->is_failing = false;
-    if (now - mft->oldest > mft->depth_sec + std::max(MIN_SLACK_SEC, mft->depth_sec / 10))
-        rewrite(mft, now);
 }

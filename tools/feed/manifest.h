@@ -15,6 +15,7 @@ struct manifest {
     int fd = -1;        // locked while it is open
     long number = 0;    // of the last line
     time_t oldest = 0;  // start time of the first entry
+    time_t kept_at = 0; // looked after
     std::string unwritten;
     bool is_failing = false; // has been told
 };

@@ -39,7 +39,7 @@ static constexpr cmd_option TABLE[] = {
     {'S', "socket", "PATH", "the daemon's source socket [src_socket, or /tmp/lumo-source.sock]"},
     {'D', "data-dir", "DIR", "where the channel's directory is or is made [data_dir, or /tmp]"},
     {'d', "depth", "SEC", "how much is kept, at least 100 [3600]"},
-    {'s', "segment", "SEC", "length of a segment, 1 to 30 [4]"},
+    {'s', "segment", "SEC", "length of a segment, 1 to 30 [6]"},
     {'p', "prefix", "URL", "put before the segments' paths in playlists [the daemon's]"},
     {'n', "name", "NAME", "segments are called NAME-000001.ts [main, or backup]"},
     {OPT_RETAIN, "retain-pts", nullptr, "keep the input's time stamps"},

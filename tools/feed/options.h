@@ -20,7 +20,7 @@ struct feed_options {
     std::string name;              // segments are called NAME-000001.ts
     std::string program = "ffmpeg";
     long depth_sec = 3600;
-    long segment_sec = 4;
+    long segment_sec = 6;
     long ago_sec = 0;
     bool is_backup = false;
     bool is_once = false;

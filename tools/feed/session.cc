@@ -13,8 +13,10 @@
 
 static constexpr int64_t MIN_PAUSE_MS = 100;
 static constexpr int64_t MAX_PAUSE_MS = 5000;
-static constexpr int64_t FIRST_GRACE_MS = 10'000; // to connect, to look at the input, to fill the encoder
-static constexpr int64_t KILL_MS = 5000;          // from the request to end until the end
+static constexpr int64_t MAX_INPUT_WAIT_MS = 60'000; // for an encoder to begin
+static constexpr int64_t INPUT_LOOK_MS = 1000;       // between two looks whether it has
+static constexpr int64_t KILL_MS = 10'000;           // from the request to end until the end
+static constexpr int64_t HANG_KILL_MS = 2000;        // the same for one that hangs
 static constexpr int64_t SETTLE_MS = 2000;
 static constexpr int SETTLE_STEP_MS = 10;
 static constexpr double MIN_LAST_SEC = 1.0; // of a segment that was cut by the end; the daemon minds less
@@ -60,7 +62,9 @@ static void start_run(session *self) {
     self->phase = PHASE_RUN;
     self->first_row_at = self->last_row_at = 0;
     self->is_hanging = false;
-    self->hang_at = mono_now_ms() + hang_ms(*self) + FIRST_GRACE_MS;
+    self->writes_since = self->kill_at = 0;
+    self->run_at = mono_now_ms();
+    self->hang_at = self->run_at + INPUT_LOOK_MS;
 }
 
 bool session_open(session *self, const feed_options *opts) {
@@ -130,13 +134,15 @@ static void take_row(session *self, const std::string &line) {
     if (is_crumb(*self, row))
         return;
     int64_t now = mono_now_ms();
-    feeder_on_row(&self->feed, row);
+    if (!feeder_on_row(&self->feed, row))
+        return;
     if (self->first_row_at == 0) {
         self->first_row_at = now;
         self->first_media = self->feed.media_sec;
     }
     self->last_row_at = now;
     self->pause_ms = 0;
+    self->writes_since = now;
     self->hang_at = now + hang_ms(*self);
     if (long number = store_number_of(self->feed.store, row.file); number >= self->first_number)
         self->first_number = number + 1;
@@ -169,17 +175,40 @@ static void on_stdin(session *self) {
 
 // --- time ---
 
-static void check_encoder(session *self, int64_t now) {
-    bool must_kill = self->kill_at != 0 && now >= self->kill_at;
-    if (!must_kill && !self->is_hanging && self->kill_at == 0 && now >= self->hang_at) {
-        say(SAY_ERROR, "the encoder has finished no segment in %ld s",
-            (hang_ms(*self) + (self->last_row_at ? 0 : FIRST_GRACE_MS)) / 1000);
-        self->is_hanging = must_kill = true;
+// What it has of a segment by then is finished when it can be.
+static void end_encoder(session *self, int64_t within_ms) {
+    enc_signal(self->enc, SIGTERM);
+    self->kill_at = mono_now_ms() + within_ms;
+}
+
+// An encoder that has not begun to write may be waiting for its input to call.
+static bool is_waiting_for_input(session *self, int64_t now) {
+    bool has_begun = self->last_row_at != 0 || store_has_number(self->feed.store, self->first_number);
+    if (has_begun && self->writes_since == 0) {
+        self->writes_since = now;
+        self->hang_at = now + hang_ms(*self);
+        return true;
     }
-    if (must_kill)
+    if (has_begun || now - self->run_at >= MAX_INPUT_WAIT_MS)
+        return false;
+    self->hang_at = now + INPUT_LOOK_MS;
+    return true;
+}
+
+static void check_encoder(session *self, int64_t now) {
+    bool is_late = self->kill_at == 0 && now >= self->hang_at;
+    if (is_late && !is_waiting_for_input(self, now)) {
+        if (self->writes_since != 0)
+            say(SAY_ERROR, "the encoder has finished no segment in %ld s", hang_ms(*self) / 1000);
+        else
+            say(SAY_ERROR, "the encoder has had nothing to write for %ld s", MAX_INPUT_WAIT_MS / 1000);
+        self->is_hanging = true;
+        end_encoder(self, HANG_KILL_MS);
+    }
+    if (self->kill_at != 0 && now >= self->kill_at) {
         enc_signal(self->enc, SIGKILL);
-    if (must_kill && self->kill_at != 0)
         self->kill_at = now + KILL_MS;
+    }
     if (enc_is_over(self->enc))
         run_is_over(self);
 }
@@ -206,14 +235,14 @@ static int wait_ms(const session &self, int max_wait_ms) {
         wait = std::min<int64_t>(wait, SETTLE_STEP_MS);
     else if (self.phase == PHASE_PAUSE)
         wait = std::min(wait, self.until - now);
-    else if (self.phase == PHASE_RUN && !is_list(self) && !self.is_hanging)
+    else if (self.phase == PHASE_RUN && !is_list(self))
         wait = std::min(wait, (self.kill_at ? self.kill_at : self.hang_at) - now);
     return static_cast<int>(std::max<int64_t>(wait, 0));
 }
 
 // --- waiting ---
 
-void session_wait(session *self, int signal_fd, int max_wait_ms) {
+bool session_wait(session *self, int signal_fd, int max_wait_ms) {
     enum { SIGNALS, ROWS, WORDS, LINK, COUNT };
     bool is_reading_list = is_list(*self) && self->phase == PHASE_RUN;
     pollfd fds[COUNT] = {{signal_fd, POLLIN, 0},
@@ -235,6 +264,7 @@ void session_wait(session *self, int signal_fd, int max_wait_ms) {
         read_end(&self->enc.rows, &self->enc.rows_fd);
         take_rows(self, &self->enc.rows);
     }
+    return fds[SIGNALS].revents != 0;
 }
 
 void session_quit(session *self) {
@@ -243,10 +273,9 @@ void session_quit(session *self) {
     if (is_list(*self) && self->phase == PHASE_RUN)
         run_is_over(self);
     if (is_impatient)
-        self->until = 0;
-    self->kill_at = mono_now_ms() + (is_impatient ? 0 : KILL_MS);
-    if (!is_impatient)
-        enc_signal(self->enc, SIGTERM);
+        self->until = self->kill_at = mono_now_ms();
+    else
+        end_encoder(self, KILL_MS);
 }
 
 void session_on_child(session *self) {
@@ -267,7 +296,7 @@ int session_close(session *self) {
     rusage children{};
     getrusage(RUSAGE_SELF, &own);
     getrusage(RUSAGE_CHILDREN, &children);
-    say(SAY_DETAIL, "%ld segments, %.3f s of processor time here, %.3f s in the encoder", self->feed.segments,
+    say(SAY_NOTE, "%ld segments, %.3f s of processor time here, %.3f s in the encoder", self->feed.segments,
         seconds_of(own.ru_utime, own.ru_stime), seconds_of(children.ru_utime, children.ru_stime));
     return self->status;
 }

@@ -23,8 +23,10 @@ struct session {
     session_phase phase = PHASE_PAUSE;
     int64_t until = 0; // milliseconds: the end of a pause, or the last moment to settle
     int64_t pause_ms = 0;
-    int64_t hang_at = 0; // when the run will count as hanging
-    int64_t kill_at = 0; // when an encoder that was told to end is killed; 0 = it was not told
+    int64_t run_at = 0;       // when the run began
+    int64_t writes_since = 0; // when it was first seen to write, or finished a segment; 0 = not yet
+    int64_t hang_at = 0;      // when the run may count as hanging
+    int64_t kill_at = 0;      // when an encoder that was told to end is killed; 0 = it was not told
     int64_t began_at = 0;
     int64_t first_row_at = 0, last_row_at = 0; // of the run; 0 = none yet
     double first_media = 0;                    // media seconds at the first row
@@ -37,9 +39,9 @@ struct session {
 // False, told, when there is nothing to begin with.
 bool session_open(session *self, const feed_options *opts);
 
-// Waits for at most `max_wait_ms`, or for `signal_fd` to be readable, and takes what has come in. To be
-// followed by the signals, and by session_on_time, which draws the conclusions.
-void session_wait(session *self, int signal_fd, int max_wait_ms);
+// Waits for at most `max_wait_ms`, or for `signal_fd` to be readable, and takes what has come in. True when
+// there are signals, which are to be taken then, before session_on_time draws the conclusions.
+bool session_wait(session *self, int signal_fd, int max_wait_ms);
 void session_on_time(session *self);
 
 // Ends the run behind the last whole segment; told a second time, at once.

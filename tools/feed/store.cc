@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
@@ -119,6 +120,12 @@ long store_next_number(const seg_store &store) {
     mft_each_path(store_manifest(store), note_highest, &top);
     each_own_file(store, [&](const char *, long number) { top.number = std::max(top.number, number); });
     return top.number + 1;
+}
+
+bool store_has_number(const seg_store &store, long number) {
+    char name[STORE_PATH_MAX + 1];
+    snprintf(name, sizeof(name), "/%s-%06ld%s", store.name.c_str(), number, SUFFIX);
+    return access((channel_dir(store) + name).c_str(), F_OK) == 0;
 }
 
 void store_drop_from(const seg_store &store, long first) {

@@ -30,6 +30,8 @@ std::string store_full(const seg_store &store, const std::string &segment);
 std::string store_template(const seg_store &store);
 long store_next_number(const seg_store &store);
 
+bool store_has_number(const seg_store &store, long number);
+
 // Deletes what the last run left unfinished: the files numbered from `first` on.
 void store_drop_from(const seg_store &store, long first);
 // The number in `path` when it is one of this feeder's; -1 otherwise.
