@@ -1,6 +1,7 @@
 """A channel on the air: daemon, front end and producers of real media, on a private directory."""
 import os
 import pathlib
+import re
 import signal
 import subprocess
 import sys
@@ -8,7 +9,7 @@ import sys
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path += [str(ROOT / "tests/daemon"), str(ROOT / "scripts")]
 
-from demo import CHANNEL, feeder_command  # noqa: E402
+from demo import BACKLOG_SEC, CHANNEL, SEGMENT_SEC, feeder_command  # noqa: E402
 from harness import Daemon, until  # noqa: E402
 from test_web import Web  # noqa: E402
 
@@ -34,12 +35,17 @@ class Air:
         producer.wait()
 
     def segments(self, role="main"):
-        """How many the channel's manifest lists."""
+        """How many that producer has made, by the newest one's number in the channel's manifest."""
         path = pathlib.Path(self.daemon.data, CHANNEL, f"{CHANNEL}.manifest_live")
-        return path.read_text().count(f" {CHANNEL}/{role}-") if path.exists() else 0
+        numbers = re.findall(rf" {CHANNEL}/{role}-(\d+)", path.read_text()) if path.exists() else []
+        return int(numbers[-1]) if numbers else 0
 
     def wait_segments(self, count, role="main"):
-        until(lambda: self.segments(role) >= count, f"{count} segments", limit=60)
+        until(lambda: self.segments(role) >= count, f"{count} segments", limit=90)
+
+    def wait_recording(self):
+        """Until what was made faster than real time has met the clock."""
+        self.wait_segments(BACKLOG_SEC // SEGMENT_SEC)
 
     def restart_daemon(self):
         self.daemon.kill()

@@ -40,7 +40,7 @@ def plays(browser, seconds):
 
 def test_page_plays_live_back_and_across_a_killed_producer(air, browser):
     air.start_producer("main")
-    air.wait_segments(20)
+    air.wait_recording()
     browser.open(air.url)
     browser.wait(lambda: browser.run("return document.querySelectorAll('#channels .state-live').length") == 1, 10,
                  "the channel in the list")
