@@ -145,15 +145,15 @@ def test_playlists(chan):
     until(lambda: w.ask("/chan/live.m3u8").body != live.body, "the next playlist")
 
 def test_locks_are_touched_while_watched(lumo, web):
-    d = lumo(task_tmout_sec=2)
+    d = lumo(task_tmout_sec=4)
     d.source(params=f"max_sec=3600 data_dir={d.data}").feed(3)
     w = web(d.dir, d.data, d.pl_sock)
     w.ask("/chan/live.m3u8")
     lock, = d.files("*.alk")
     begun = os.stat(lock).st_ino
-    end = time.monotonic() + 5
+    end = time.monotonic() + 8
     until(lambda: w.status("/chan/live.m3u8") != 200 or time.monotonic() > end, poke=lambda: time.sleep(0.1))
-    assert os.stat(lock).st_ino == begun and 3 <= w.metric("lumo_web_touches_total") <= 7
+    assert os.stat(lock).st_ino == begun and 4 <= w.metric("lumo_web_touches_total") <= 9
     until(lambda: not os.path.exists(lock), "the silent playlist to go", poke=d.poke)
     assert w.status("/chan/live.m3u8") == 200
 
@@ -252,12 +252,21 @@ def test_page_list_metrics(chan, web, tmp_path):
     d, _, segs, _ = chan
     with open(d.path("data", "chan", "chan.manifest_live"), "w") as out:
         out.writelines(f"{i}: {seg.line()}\n" for i, seg in enumerate(segs))
-    (tmp_path / "status").write_text("lumo_up 1\n")
+    sources = [(r'a\"b', 1, 600, 8), ("chan", 0, 60, 9), ("old", 1, 60, 99), ("~chan", 1, 1, 1)]
+    (tmp_path / "status").write_text("lumo_up 1\nlumo_source_held_seconds 1\nlumo_source_x{source=\"\n" + "".join(
+        f'lumo_source_{key}{{source="{name}"}} {value}\n' for name, *values in sources
+        for key, value in zip(("connected", "held_seconds", "newest_segment_age_seconds"), values)))
     (tmp_path / "index.html").write_text("<html>")
     w = web(d.dir, d.data, d.pl_sock, "-w", str(tmp_path), "--status", str(tmp_path / "status"), "--accel", "/media/")
     assert (w.ask("/").body, w.ask("/").headers["Content-Type"]) == (b"<html>", "text/html; charset=utf-8")
     assert w.status("/status") == 404
-    assert w.ask("/metrics").body.startswith(b"lumo_up 1\n# HELP lumo_web_")
+    now = int(os.stat(tmp_path / "status").st_mtime)
+    assert json.loads(w.ask("/channels.json").body)["channels"] == [
+        {"name": 'a"b', "state": "live", "first": now - 608, "last": now - 8},
+        {"name": "chan", "state": "off", "first": now - 69, "last": now - 9},
+        {"name": "old", "state": "waiting", "first": now - 159, "last": now - 99}]
+    metrics = w.ask("/metrics").body
+    assert metrics.startswith(b"lumo_up 1\n") and b"\n# HELP lumo_web_" in metrics
     accel = w.ask("/chan/" + segs[0].path)
     assert (accel.body, accel.headers["X-Accel-Redirect"]) == (b"", "/media/" + segs[0].path)
     assert not w.ask("/chan/none.ts").headers["X-Accel-Redirect"]

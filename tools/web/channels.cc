@@ -107,6 +107,94 @@ static channel_map look_at_directories() {
     return all;
 }
 
+// --- from the status file: lumo_source_held_seconds{source="tv"} 3600 ---
+
+static constexpr std::string_view LABEL = "{source=\"";
+
+struct source_metric {
+    std::string_view name;
+    std::string source;
+    double value;
+};
+
+// Quotes and backslashes of a label stand behind a backslash.
+static bool read_label(std::string_view *rest, std::string *label) {
+    if (!rest->starts_with(LABEL))
+        return false;
+    for (size_t i = LABEL.size(); i < rest->size(); ++i) {
+        if ((*rest)[i] == '"') {
+            rest->remove_prefix(i + 1);
+            return true;
+        }
+        i += (*rest)[i] == '\\' && i + 1 < rest->size();
+        label->push_back((*rest)[i]);
+    }
+    return false;
+}
+
+static bool parse_metric(std::string_view line, source_metric *one) {
+    static constexpr std::string_view PREFIX = "lumo_source_";
+    if (!line.starts_with(PREFIX))
+        return false;
+    line.remove_prefix(PREFIX.size());
+    one->name = line.substr(0, line.find('{'));
+    line.remove_prefix(one->name.size());
+    one->source.clear();
+    if (!read_label(&line, &one->source) || !line.starts_with("} "))
+        return false;
+    std::string value(line.substr(2));
+    return sscanf(value.c_str(), "%lf", &one->value) == 1;
+}
+
+struct source_state {
+    bool is_connected = false, has_segments = false;
+    double held = 0, age = 0;
+};
+
+static std::map<std::string, source_state> read_states(std::string_view text) {
+    std::map<std::string, source_state> all;
+    source_metric one;
+    while (!text.empty()) {
+        std::string_view line = text.substr(0, text.find('\n'));
+        text.remove_prefix(std::min(line.size() + 1, text.size()));
+        if (!parse_metric(line, &one) || !text_is_channel(one.source))
+            continue;
+        source_state &state = all[one.source];
+        if (one.name == "connected") {
+            state.is_connected = one.value > 0;
+        } else if (one.name == "held_seconds") {
+            state.held = one.value;
+        } else if (one.name == "newest_segment_age_seconds") {
+            state.age = one.value;
+            state.has_segments = true;
+        }
+    }
+    return all;
+}
+
+// Ages are those of the moment when the file was written.
+static channel_map look_at_status(std::string_view text, int64_t written_at) {
+    channel_map all;
+    for (const auto &[name, state] : read_states(text)) {
+        channel &one = all[name];
+        if (state.has_segments) {
+            one.last = written_at - static_cast<int64_t>(state.age);
+            one.first = one.last - static_cast<int64_t>(state.held);
+        }
+        bool is_new = clock_wall() - one.last < LIVE_SEC;
+        one.state = !state.is_connected ? "off" : is_new ? "live" : "waiting";
+    }
+    return all;
+}
+
+static channel_map find_channels() {
+    struct stat st;
+    std::string text = channels_status_text();
+    if (text.empty() || stat(g_channels.opts->status_path.c_str(), &st) != 0)
+        return look_at_directories();
+    return look_at_status(text, st.st_mtim.tv_sec);
+}
+
 static std::string make_json(const channel_map &all) {
     std::string out = "{\"now\": " + std::to_string(clock_wall()) +
                       ", \"grid\": " + std::to_string(g_channels.opts->event_grid) + ", \"channels\": [";
@@ -122,7 +210,7 @@ static std::string make_json(const channel_map &all) {
 
 std::shared_ptr<const std::string> channels_json() {
     if (!g_channels.json || clock_ms() - g_channels.made_at >= KEEP_MS) {
-        g_channels.json = std::make_shared<const std::string>(make_json(look_at_directories()));
+        g_channels.json = std::make_shared<const std::string>(make_json(find_channels()));
         g_channels.made_at = clock_ms();
     }
     return g_channels.json;
