@@ -47,14 +47,6 @@ const char *files_page_type(std::string_view path) {
     return find_type(PAGE_TYPES, path);
 }
 
-int root_open(file_root *root, const std::string &dir) {
-    root->dir = dir;
-    root->fd = open(dir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (root->fd < 0)
-        fprintf(stderr, "lumo-web: cannot open the directory [%s]: %s\n", dir.c_str(), strerror(errno));
-    return root->fd < 0 ? -1 : 0;
-}
-
 void root_close(file_root *root) {
     if (root->fd >= 0)
         W_close(__func__, root->fd);
@@ -66,6 +58,21 @@ static int open_beneath(int dir, const char *path) {
     how.flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
     return static_cast<int>(syscall(SYS_openat2, dir, path, &how, sizeof(how)));
+}
+
+int root_open(file_root *root, const std::string &dir) {
+    root->dir = dir;
+    root->fd = open(dir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (root->fd < 0) {
+        fprintf(stderr, "lumo-web: cannot open the directory [%s]: %s\n", dir.c_str(), strerror(errno));
+        return -1;
+    }
+    // Also where a sandbox or an old kernel takes the call away, which would look like missing files.
+    fd_guard self(open_beneath(root->fd, "."));
+    bool is_denied = self.fd < 0 && (errno == EPERM || errno == ENOSYS);
+    if (is_denied)
+        fprintf(stderr, "lumo-web: openat2 is not allowed here: %s\n", strerror(errno));
+    return is_denied ? -1 : 0;
 }
 
 // The directory that is open here has been removed; another may stand under its name.

@@ -13,7 +13,7 @@ enum : char { OPT_ACCEL = 1, OPT_GRID, OPT_SESSIONS, OPT_SESSION_TMOUT, OPT_CLIE
 enum : char { OPT_IDLE = 20, OPT_CONNECTIONS };
 
 static constexpr cmd_option TABLE[] = {
-    {'C', "config", "FILE", "the daemon's configuration: its playlist socket and data directory"},
+    {'C', "config", "FILE", "the daemon's configuration: playlist socket, data directory, status file"},
     {'Y', "pl-socket", "PATH", "the daemon's playlist socket (/tmp/lumo-playlist.sock)"},
     {'d', "data-dir", "DIR", "where segments and playlists lie (/tmp)"},
     {'l', "listen", "ADDRESS", "address to listen on (127.0.0.1)"},
@@ -71,6 +71,7 @@ static bool read_config(const char *path, web_options *opts) {
     if (has_rui_ifc(cfg.get(), PL_LISTENER))
         opts->pl_socket = cfg->rui.user[PL_LISTENER - 1].domain_path;
     opts->data_dir = cfg->data_dir;
+    opts->status_path = cfg->status_file;
     return true;
 }
 
