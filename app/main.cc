@@ -422,6 +422,7 @@ static int run() {
         rc = app_start();
     if (rc != 0)
         return rc;
+    status_start();
     LOG(LL_NORM, "%s STARTING. PID=%ld\n", meta_banner(), static_cast<long>(getpid()));
     LOG(LL_INFO, "Config read from [%s]\n", g_cfg.config_path);
     rc = rqs_event_loop();

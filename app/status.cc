@@ -53,7 +53,7 @@ static double seconds(int64_t usec) {
     return static_cast<double>(usec) / 1e6;
 }
 
-// Of the first pass, which asks for it.
+// Of the first call, at the start.
 static double start_time() {
     static const double began = static_cast<double>(time(nullptr));
     return began;
@@ -281,15 +281,15 @@ static void write_status() {
 }
 
 // A file that has just been switched on is written at once.
-static bool is_due(bool is_on) {
+static bool is_due(bool is_wanted) {
     static bool was_on = false;
     static timespec last_write;
     timespec span;
     ms2timespec(g_cfg.status_sec * 1000L, &span);
-    if (is_on != was_on)
-        is_on ? set_timeout(TMO_STATUS, LOOK_MS) : rm_timeout(TMO_STATUS);
-    bool is_time = is_on && (!was_on || timed_out(last_write, span));
-    was_on = is_on;
+    if (is_wanted != was_on)
+        is_wanted ? set_timeout(TMO_STATUS, LOOK_MS) : rm_timeout(TMO_STATUS);
+    bool is_time = is_wanted && (!was_on || timed_out(last_write, span));
+    was_on = is_wanted;
     if (is_time)
         rqs_set_now(&last_write);
     return is_time;
@@ -304,12 +304,20 @@ static void measure_pass() {
         g_ctx.counts.longest_pass_us = usec;
 }
 
-void status_pass() {
+static bool is_on() {
+    return g_cfg.status_file[0] != '\0';
+}
+
+void status_start() {
     start_time();
+    if (is_due(is_on()))
+        write_status();
+}
+
+void status_pass() {
     ++g_ctx.counts.passes;
-    bool is_on = g_cfg.status_file[0] != '\0';
-    if (is_on)
+    if (is_on())
         measure_pass();
-    if (is_due(is_on))
+    if (is_due(is_on()))
         write_status();
 }

@@ -5,6 +5,8 @@
 
 #include <string>
 
+// Before the loop is entered: the first writing, and the loop's reason to wake up for the next.
+void status_start();
 // At the end of each pass of the event loop: writes the file through a temporary name when `status_sec` have
 // passed. While a file is configured the loop wakes up for it, also an idle one. A file that cannot be
 // written is told once, and once when it can be again.

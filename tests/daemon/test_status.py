@@ -62,7 +62,7 @@ def test_what_the_daemon_counts(watched):
 def test_an_idle_daemon_writes_and_a_reload_ends_it(watched):
     d = watched
     d.write_config(status_file=d.path("later", "status"))
-    d.start()
+    d.launch()
     d.wait_log(r"later/status\] cannot be written, ERROR\(2\)")
     passes = []
     os.mkdir(d.path("later"))
