@@ -95,6 +95,31 @@ def test_every_kind_over_its_life(lumo, refresh):
     assert rolling[1].sec <= 45 + 3 * 12 + 10, "what is bound to a peer rolls"
     parse_strictly(channel.texts)
 
+def test_a_killed_daemon_goes_on(lumo):
+    """In every kind of playlist a number names the same segment, behind as many breaks, as before."""
+    d = lumo(strict_hls=True, max_live_items=4)
+    channel = Channel(d)
+    lines, last = [], -1
+    for _ in range(3):
+        for count in (3, 1):
+            lines = lines[-6:] + [seg.line() for seg in channel.src.feed(count, dur=10.0)]
+            with open(d.data + "/chan/chan.manifest_live", "w") as out:
+                out.writelines(f"{n}: {line}\n" for n, line in enumerate(lines))
+            at = channel.src.next_start - 25
+            texts = [channel.look(request) for request in ("LIV chan", "VOD chan", f"EVE chan {at} 0")]
+            assert {text.last for text in texts} == {last + count}
+            last += count
+        d.kill()
+        channel.followers.clear()  # the next daemon names its playlists anew
+        lines.append("SEGMENT: DISCONTINUITY")
+        old = channel.src
+        old.sock.close()
+        d.start()
+        channel.src = d.source(params=channel.params, start=old.next_start)
+        channel.src.count = old.count
+    assert texts[1].segments[last].breaks == 2
+    parse_strictly(channel.texts)
+
 def test_switched_by_reloads(lumo):
     d = lumo(strict_hls=True)
     channel = Channel(d)
