@@ -280,16 +280,22 @@ static void write_status() {
     last_err = err;
 }
 
+static bool g_was_on = false; // at the last look
+
+static bool is_on() {
+    return g_cfg.status_file[0] != '\0';
+}
+
 // A file that has just been switched on is written at once.
-static bool is_due(bool is_wanted) {
-    static bool was_on = false;
+static bool is_due() {
     static timespec last_write;
+    bool is_wanted = is_on();
     timespec span;
     ms2timespec(g_cfg.status_sec * 1000L, &span);
-    if (is_wanted != was_on)
+    if (is_wanted != g_was_on)
         is_wanted ? set_timeout(TMO_STATUS, LOOK_MS) : rm_timeout(TMO_STATUS);
-    bool is_time = is_wanted && (!was_on || timed_out(last_write, span));
-    was_on = is_wanted;
+    bool is_time = is_wanted && (!g_was_on || timed_out(last_write, span));
+    g_was_on = is_wanted;
     if (is_time)
         rqs_set_now(&last_write);
     return is_time;
@@ -304,20 +310,17 @@ static void measure_pass() {
         g_ctx.counts.longest_pass_us = usec;
 }
 
-static bool is_on() {
-    return g_cfg.status_file[0] != '\0';
-}
-
 void status_start() {
     start_time();
-    if (is_due(is_on()))
+    if (is_due())
         write_status();
 }
 
 void status_pass() {
     ++g_ctx.counts.passes;
-    if (is_on())
-        measure_pass();
-    if (is_due(is_on()))
+    if (!is_on() && !g_was_on)
+        return;
+    measure_pass();
+    if (is_due())
         write_status();
 }
