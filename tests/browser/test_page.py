@@ -3,6 +3,7 @@ import os
 import pathlib
 import shutil
 import sys
+import time
 
 import pytest
 
@@ -69,3 +70,9 @@ def test_page_plays_live_back_and_across_a_killed_producer(air, browser):
     assert browser.run("return document.documentElement.scrollWidth") == 390, "nothing sticks out on a phone"
     browser.screenshot(SHOTS / "after-failover-phone.png")
     assert browser.fatal() == [] and browser.console() == []
+    browser.click("#beginning")
+    starts(browser)
+    assert time.time() - browser.video()["date"] > 60, "a recording of 100 s, from its first segments"
+    browser.run("playEvent(now() - 60, 30)")
+    starts(browser)
+    assert 40 < time.time() - browser.video()["date"] < 80 and browser.run("return Number.isFinite(video.duration)")

@@ -88,6 +88,10 @@ function onHlsError(_event, data) {
     hls.recoverMediaError();
     return;
   }
+  if (code === 404 && mode.next) {
+    mode.next();
+    return;
+  }
   say(code === 404 ? "Nothing of that time is there." : code === 429 ? "Too many events are watched from here."
     : "The stream is interrupted; trying again.");
   // What belongs to the past does not come back by itself.
@@ -139,10 +143,11 @@ function playEvent(start, duration) {
   play("event", `from ${clockText(start)}`, file);
 }
 
-// The oldest segments go while one watches, so begin a little behind them.
-function playBeginning() {
-  const channel = current();
-  if (channel && channel.first) playEvent(channel.first + 2 * grid);
+// The oldest segments go while one watches, so begin a little behind them; further behind where the list told of
+// more than is there.
+function playBeginning(start, tries = 8) {
+  playEvent(start);
+  if (tries > 0) mode.next = () => playBeginning(start + 2 * grid, tries - 1);
 }
 
 function showTimeline() {
@@ -188,7 +193,10 @@ $("slider").addEventListener("change", () => playBack(-Number($("slider").value)
 $("live").addEventListener("click", playLive);
 $("back30").addEventListener("click", () => playBack(30 - Number($("slider").value)));
 $("back300").addEventListener("click", () => playBack(300 - Number($("slider").value)));
-$("beginning").addEventListener("click", playBeginning);
+$("beginning").addEventListener("click", () => {
+  const channel = current();
+  if (channel && channel.first) playBeginning(channel.first + 2 * grid);
+});
 $("event").addEventListener("submit", event => {
   event.preventDefault();
   playEvent(new Date($("from").value).getTime() / 1000, 60 * Number($("minutes").value));
