@@ -124,6 +124,7 @@ static bool open_pipes(int rows[2], int words[2]) {
 
 bool enc_start(encoder *enc, const std::vector<std::string> &command) {
     std::vector<char *> argv;
+    argv.reserve(command.size() + 1);
     for (const std::string &word : command)
         argv.push_back(const_cast<char *>(word.c_str()));
     argv.push_back(nullptr);
