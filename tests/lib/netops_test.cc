@@ -1,11 +1,9 @@
 #include "lib/netops.h"
 
-#include "lib/sigflag.h"
 #include "lib/syswrap.h"
 #include "tests/capture.h"
 
 #include <cerrno>
-#include <netinet/in.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 
@@ -35,32 +33,6 @@ static sockaddr_storage numeric(const char *host, const char *port) {
     return out;
 }
 
-static int option(int fd, int level, int name) {
-    int value = -1;
-    socklen_t len = sizeof(value);
-    EXPECT_EQ(getsockopt(fd, level, name, &value, &len), 0);
-    return value;
-}
-
-static bool is_listening(int fd) {
-    return option(fd, SOL_SOCKET, SO_ACCEPTCONN) == 1;
-}
-
-static int port_of(int fd) {
-    sockaddr_in in{};
-    socklen_t len = sizeof(in);
-    EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr *>(&in), &len), 0);
-    return ntohs(in.sin_port);
-}
-
-// A port that was free a moment ago.
-static std::string free_port(int socktype) {
-    fd_guard probe(socket(AF_INET, socktype, 0));
-    sockaddr_storage any = numeric("0.0.0.0", "0");
-    EXPECT_EQ(bind(probe.fd, sa(any), sizeof(sockaddr_in)), 0);
-    return std::to_string(port_of(probe.fd));
-}
-
 TEST_F(Netops, DomainListenerReplacesWhatStandsAtItsPath) {
     std::string at = dir / std::string(103 - dir.path.size() - 1, 's');
     mode_t mask = umask(0);
@@ -87,37 +59,6 @@ TEST_F(Netops, DomainListenerReplacesWhatStandsAtItsPath) {
     EXPECT_TRUE(fs::is_regular_file(other));
     EXPECT_EQ(open_domain_client((other + "y").c_str(), 1, 0), -1);
     EXPECT_TRUE(log.has("(108 bytes)"));
-}
-
-TEST_F(Netops, DomainClientCountsItsAttempts) {
-    std::string none = dir / "none";
-    // With debug records dropped the count must not stand still.
-    for (int level : {LL_DEBUG, LL_ERROR}) {
-        g_mod_ll[LOG_MOD_APP] = static_cast<signed char>(level);
-        EXPECT_EQ(open_domain_client(none.c_str(), 3, 1), -1);
-        EXPECT_TRUE(log.has("failed to connect to [" + none + "] after 3 attempt(s)\n"));
-        log.take();
-    }
-    g_quit = 1;
-    EXPECT_EQ(open_domain_client(none.c_str(), 3, 60000), -1);
-    g_quit = 0;
-}
-
-TEST_F(Netops, ListenersOnAddressRecords) {
-    sockaddr_storage lo = numeric("127.0.0.1", "0"), foreign = numeric("203.0.113.1", "0"), odd{};
-    odd.ss_family = AF_UNIX;
-    for (const char *port : {"", "0", "65536", "80x", "-1", "99999999999999999999"})
-        EXPECT_EQ(open_listener(sa(lo), port, false), -1) << port;
-    EXPECT_EQ(open_udp_listener(sa(odd), "80"), -1);
-    std::string port = free_port(SOCK_STREAM);
-    fd_guard bound(open_listener(sa(lo), port.c_str(), true)),
-        server(open_listener(sa(lo), port.c_str(), false));
-    EXPECT_FALSE(is_listening(bound.fd));
-    EXPECT_TRUE(is_listening(server.fd) && is_non_blocking(server.fd));
-    // Without a port the record's own counts, and 0 leaves the choice to the system.
-    fd_guard udp(open_udp_listener(sa(lo), nullptr));
-    EXPECT_NE(port_of(udp.fd), 0);
-    EXPECT_EQ(open_udp_listener(sa(foreign), nullptr), -1);
 }
 
 TEST_F(Netops, AddressTexts) {
