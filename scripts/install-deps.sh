@@ -4,8 +4,9 @@
 #   demo     real media                   web      the front end and its page's player
 #   hls      a strict reader of playlists
 #   browser  the page in a real browser   edge     nginx before the front end
-#   status   checks of the metrics        package  make packages and try them
-#   bench    benchmarks                   lint     checks of the sources
+#   status   checks of the metrics        package  make packages
+#   chroot   try them in a fresh system   bench    benchmarks
+#   lint     checks of the sources
 # Root rights are asked for only when something is missing. What apt says is in build/apt.log, shown when it fails.
 set -eu
 cd "$(dirname "$0")/.."
@@ -20,7 +21,8 @@ packages_of() {
     browser) echo chromium chromium-driver ;;
     edge) echo nginx-light ;;
     status) echo prometheus ;;
-    package) echo dpkg-dev file lintian debootstrap ;;
+    package) echo dpkg-dev file ;;
+    chroot) echo lintian debootstrap ;;
     bench) echo libbenchmark-dev wrk ;;
     lint) echo clang-format clang-tidy shellcheck man-db python3 ;;
     *)

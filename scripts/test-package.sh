@@ -4,6 +4,7 @@
 set -eu
 cd "$(dirname "$0")/.."
 
+scripts/install-deps.sh chroot
 scripts/package.sh
 packages=$PWD/build/program/packages
 lintian --allow-root --fail-on error,warning --suppress-tags initial-upload-closes-no-bugs "$packages"/*.*deb
