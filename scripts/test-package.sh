@@ -37,7 +37,7 @@ mkdir "$root"
 
 # shellcheck disable=SC2016 # for the shell inside
 # Mounts, the system, which lies in memory, and the processes of the trial go with it.
-timeout --signal KILL 300 unshare --mount --pid --fork --kill-child sh -eu -c '
+timeout --signal KILL 600 unshare --mount --pid --fork --kill-child sh -eu -c '
     mount -t tmpfs -o size=2G tmpfs "$root"
     tar -C "$root" -xpf "$base"
     mkdir "$root/packages"
