@@ -1,7 +1,7 @@
 #include "app/adjust.h"
 
 #include "app/pl_event.h"
-#include "app/pl_file.h"
+#include "app/rewrite.h"
 #include "app/task.h"
 #include "lib/check.h"
 #include "lib/log.h"
@@ -112,6 +112,9 @@ static void detach_vod(pl_task *task) {
 int adjust_task(pl_task *task, bool must_trim) {
     if (task->pprm_idx >= 0)
         return 0; // it goes at the end of the pass and has no window any more
+    // So an end that still waits to be written comes first.
+    if (task->is_queued && task->end_time > 0 && is_eot_reachable(task->src, task->end_time))
+        rewrite_now(task);
     if (task->is_eot) {
         pass_over_finished(task, must_trim);
         return 0;
@@ -141,7 +144,7 @@ int adjust_task(pl_task *task, bool must_trim) {
     }
     // Writing finishes an event, which then moves no more: not after its items have retired.
     if (is_end_reachable && g_cfg.refresh_pl_files)
-        mk_playlist(task);
+        rewrite_task(task);
     return 0;
 }
 
@@ -149,7 +152,7 @@ static int write_moved(void *tasks, size_t i) {
     pl_task *task = static_cast<pl_task *>(tasks) + i;
     // A playlist that cannot be written is told by its writer and tried again; the feed goes on.
     if (task->must_sync_playlist && task->tag.num != PL_VOD && task->pprm_idx < 0 && !task->is_eot)
-        mk_playlist(task);
+        rewrite_task(task);
     return 0;
 }
 

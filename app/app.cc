@@ -9,6 +9,7 @@
 #include "app/pl.h"
 #include "app/pl_stretch.h"
 #include "app/retry.h"
+#include "app/rewrite.h"
 #include "app/task.h"
 #include "lib/check.h"
 #include "lib/fdio.h"
@@ -91,6 +92,7 @@ int init_plum_ctx(const rui_socket_cb &cb) {
 }
 
 void destroy_plum_ctx() {
+    rewrite_clear();
     mdr_close(g_ctx.mdr);
     g_ctx.mdr = nullptr;
     rui_ctx_destroy(&g_ctx.rui);

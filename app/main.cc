@@ -5,6 +5,7 @@
 #include "app/feed.h"
 #include "app/mdr.h"
 #include "app/options.h"
+#include "app/rewrite.h"
 #include "app/rq.h"
 #include "app/startup.h"
 #include "app/status.h"
@@ -230,6 +231,7 @@ static int do_idle_tasks() {
     process_signals();
     time_out_src_tasks();
     time_out_requests();
+    rewrite_step();
     status_pass();
     return 0;
 }

@@ -2,7 +2,9 @@
 
 #include "app/pl.h"
 #include "app/pl_file.h"
+#include "app/pl_stretch.h"
 #include "app/pl_text.h"
+#include "app/rewrite.h"
 #include "app/task.h"
 #include "lib/check.h"
 #include "lib/log.h"
@@ -71,9 +73,22 @@ pl_item *step_from(bool forth, pl_item *item, size_t nsteps) {
     return item;
 }
 
-// Measures on from where `reach` stands.
-static pl_item *stretch(item_reach *reach, double max_sec) {
+// Passes over all of a stretch that the items behind `reach` begin with, if it surely ends before `max_sec`.
+static bool leap(pl_source *src, item_reach *reach, double max_sec) {
+    const pl_item *next = newer_item(reach->last);
+    const text_span *span = next ? stretch_measured(src, next) : nullptr;
+    if (!span || reach->sec + span->total_sec >= max_sec)
+        return false;
+    reach->last = older_item(span->end);
+    reach->sec += span->total_sec;
+    return true;
+}
+
+// Measures on from where `reach` stands, by leaps in a list that has a source.
+static pl_item *stretch(pl_source *src, item_reach *reach, double max_sec) {
     while (reach->sec < max_sec) {
+        if (src && leap(src, reach, max_sec))
+            continue;
         pl_item *next = newer_item(reach->last);
         if (!next || reach->sec + next->duration > max_sec)
             break;
@@ -88,14 +103,14 @@ static pl_item *stretch(item_reach *reach, double max_sec) {
 pl_item *shift_from(pl_item *first, double max_sec) {
     CHECK(first);
     item_reach reach = {.first = first, .last = first, .sec = 0};
-    return stretch(&reach, max_sec);
+    return stretch(nullptr, &reach, max_sec);
 }
 
 pl_item *reach_end(pl_task *task) {
     CHECK(task->ifirst);
     if (task->reach.first != task->ifirst)
         task->reach = {.first = task->ifirst, .last = task->ifirst, .sec = 0};
-    return stretch(&task->reach, static_cast<double>(task->duration));
+    return stretch(task->src, &task->reach, static_cast<double>(task->duration));
 }
 
 // Whether `utime` lies within the newest segment.
@@ -389,13 +404,13 @@ static pl_task *match_or_make(const event_rq &rq, pl_urq *urq, const char **errm
     return task ? task : make_task(rq, urq, item, utime);
 }
 
-// Its key, and a playlist file for a task that lost it; a strict one is brought up to date.
+// Its key, and a playlist file for a task that lost it; what is strict or waits is brought up to date.
 static void settle_task(const event_rq &rq, pl_task *task, bool is_found_by_key, int *code) {
     CHECK(task->tag.num == PL_EVE);
     if (!is_found_by_key)
         assoc_utime(task, rq.timestamp, rq.uid);
-    if (task->fpath[0] == '\0' || (task->is_strict && task->must_sync_playlist))
-        *code = mk_playlist(task);
+    const bool is_behind = task->is_strict && task->must_sync_playlist;
+    *code = is_behind || task->fpath[0] == '\0' ? mk_playlist(task) : rewrite_now(task);
 }
 
 int get_event_pl(pl_urq *urq, const char *itag, const char *nametag, long timestamp, long duration,

@@ -5,7 +5,8 @@
 // style of its items changes and when no long playlist was written for STRETCH_KEEP_SEC. Where numbers do not
 // run on (a manifest that was sorted), nothing is kept, and items are written one by one.
 //
-// What the items of a stretch add to a playlist's durations is kept with it: nothing of it is walked again.
+// What the items of a stretch add to durations is kept with it, compressed or not: nothing of it is walked
+// again.
 #pragma once
 
 #include "app/pl_text.h"
@@ -16,6 +17,9 @@ inline constexpr long STRETCH_KEEP_SEC = 3600;
 // Whether the task's window is worth it: compressed, and long. Fills `spans` then, for this one writing. Text
 // that spans put goes through pl_gzip.
 bool stretch_open(const pl_task *task, const pl_style &style, text_spans *spans);
+
+// The durations of the stretch that begins with the item, measured on first use; null when none does.
+const text_span *stretch_measured(pl_source *src, const pl_item *item);
 
 // An item leaves the list.
 void stretch_retire(pl_source *src, const pl_item *item);

@@ -207,6 +207,7 @@ struct pl_task {
     ssize_t pprm_idx;            // slot in g_ctx.pprm_tasks, -1 = not listed for removal
     bool is_gzipped;
     bool must_sync_playlist; // the file is behind the window
+    bool is_queued;          // ... and waits to be rewritten
     bool is_live;            // the window follows the newest item
     double max_pl_duration;  // of an event playlist, seconds
     time_t end_time;         // of an event, 0 = none

@@ -5,7 +5,7 @@ set -eu
 src=$(cd "$(dirname "$0")/.." && pwd)
 build=${1:-$src/build/bench}
 [ $# -gt 0 ] && shift
-[ $# -gt 0 ] || set -- rq feed turnover playlist stretch memory log event manifest sweep idle
+[ $# -gt 0 ] || set -- rq feed turnover playlist stretch queue memory log event manifest sweep idle
 cmake -G Ninja -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=Release -DLUMO_BENCH=ON -DLUMO_TESTS=OFF >/dev/null
 cmake --build "$build" >/dev/null
 out=$(mktemp)

@@ -9,7 +9,14 @@ inline constexpr size_t TMO_SLOTS = 32;
 inline constexpr int64_t MIN_TIMER_VAL = -9999; // no timer: the loop waits without limit
 
 // Indexes in use; the others are free.
-enum tmout_index : int { URQ_TMOUT = 1, TMO_SRC = 2, TMO_CONFIG = 3, TMO_SWEEP = 4, TMO_STATUS = 5 };
+enum tmout_index : int {
+    URQ_TMOUT = 1,
+    TMO_SRC = 2,
+    TMO_CONFIG = 3,
+    TMO_SWEEP = 4,
+    TMO_STATUS = 5,
+    TMO_REWRITE = 6
+};
 
 struct tmo_rec {
     int64_t val; // milliseconds

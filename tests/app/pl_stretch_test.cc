@@ -1,5 +1,6 @@
 #include "app/pl_stretch.h"
 
+#include "app/pl_event.h"
 #include "tests/app/app_fixture.h"
 
 #include <random>
@@ -83,6 +84,9 @@ TEST_F(PlStretch, SaysWhatPlainTextSays) {
                     one_in(2) ? item(src, upto(count - 1))->start_tm + static_cast<long>(upto(20)) : 0;
                 SCOPED_TRACE(testing::Message()
                              << turn << ": " << like.ifirst->mseq << ".." << like.ilast->mseq);
+                like.src = src;
+                like.duration = static_cast<long>(upto(12000));
+                ASSERT_EQ(reach_end(&like), shift_from(like.ifirst, static_cast<double>(like.duration)));
                 ASSERT_EQ(written(src, like, true), written(src, like, false));
                 long_ones += like.ilast->mseq > like.ifirst->mseq + 2 * STRETCH_ITEMS;
             }
