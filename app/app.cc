@@ -306,6 +306,7 @@ void destroy_src(pl_source *src) {
     if (src->items)
         dlep_destroy(src->items, free_item_elem);
     src->items = nullptr;
+    slab_reset(&src->item_slabs);
     if (src->ev_ht)
         skht_destroy(src->ev_ht, free);
     src->ev_ht = nullptr;

@@ -78,12 +78,26 @@ void keep_partial(pl_source *src, std::string_view text) {
 
 // --- items ---
 
+// Blank but for tag and path; null without memory.
+static pl_item *new_item(pl_source *src, uint32_t tag, std::string_view path) {
+    size_t fixed = offsetof(pl_item, path);
+    auto *item = static_cast<pl_item *>(slab_alloc(&src->item_slabs, fixed + path.size() + 1));
+    if (!item) {
+        LOG(LL_ERROR, "%s: ERROR(%d) making an item for src[%s]\n", "add_seg", ENOMEM, src->nametag);
+        return nullptr;
+    }
+    memset(item, 0, fixed);
+    item->le.tag.num = tag;
+    memcpy(item->path, path.data(), path.size());
+    item->path[path.size()] = '\0';
+    return item;
+}
+
 void free_item(pl_item *item) {
     CHECK(item->le.tag.num == PL_SEG || item->le.tag.num == PL_DIS);
     LOG_FN(LL_DEBUG, "(%p) #%zu [%s] %.02f %ld bytes\n", static_cast<void *>(item), item->mseq,
-           item->path ? item->path : "-", item->duration, static_cast<long>(item->fsize));
-    free(item->path);
-    free(item);
+           is_segment(item) ? item->path : "-", item->duration, static_cast<long>(item->fsize));
+    slab_free(item, item_size(item));
 }
 
 int plitem_cmp(const dlep_elem *a, const dlep_elem *b) {
@@ -134,13 +148,12 @@ static void keep_file(const pl_source *src, const char *path) {
 
 static int skip_item(const pl_source *src, pl_item *item, const char *path) {
     LOG(LL_WARN, "%s: skipping %s for src[%s]\n", "add_seg", path, src->nametag);
-    free(item);
+    slab_free(item, item_size(item));
     return 0;
 }
 
 // Fills a segment item. 0, 1 when the line is to be skipped, or an error.
 static int fill_segment(const pl_source *src, const item_data *data, const pl_item *head, pl_item *item) {
-    item->le.tag.num = PL_SEG;
     item->mseq = head || g_cfg.strict_hls ? src->next_mseq : 0;
     LOG(LL_DEBUG, "%s: %s [%s] %ld bytes, %f sec, pts=%li\n", "add_seg", item->le.tag.sym, data->path,
         data->fsize, data->duration, data->ifrm1_pts);
@@ -155,9 +168,6 @@ static int fill_segment(const pl_source *src, const item_data *data, const pl_it
         if (rc != 0)
             return rc;
     }
-    item->path = strdup(data->path);
-    if (!item->path)
-        return ENOMEM;
     keep_file(src, item->path);
     if (data->duration < MIN_DURATION || data->duration >= MAX_DURATION)
         LOG(LL_ERROR, "%s: invalid duration: %f\n", "add_seg", data->duration);
@@ -187,7 +197,7 @@ static void count_breaks(pl_source *src, pl_item *item) {
     if (newer && older)
         breaks = item_breaks(older) + (is_segment(older) ? 0 : 1);
     for (; item; item = newer_item(item)) {
-        item->le.note = breaks;
+        item->le.note = breaks | (item->le.note & ITEM_ENDS_LIST);
         breaks += is_segment(item) ? 0 : 1;
     }
     src->breaks = breaks;
@@ -237,21 +247,21 @@ static line_refusal refusal_of(int rc) {
 
 int add_seg(pl_source *src, const item_data *data) {
     const pl_item *head = newest_item(src);
-    auto *item = static_cast<pl_item *>(W_calloc(__func__, 1, sizeof(pl_item)));
+    bool is_marker = strcmp(data->path, DISCONTINUITY) == 0;
+    pl_item *item = new_item(src, is_marker ? PL_DIS : PL_SEG, is_marker ? "" : data->path);
     if (!item)
         return ENOMEM;
-    if (strcmp(data->path, DISCONTINUITY) != 0) {
+    if (!is_marker) {
         int rc = fill_segment(src, data, head, item);
         if (rc != 0)
             ++src->counts.refused[refusal_of(rc)];
         if (rc == 1)
             return skip_item(src, item, data->path);
         if (rc != 0) {
-            free(item);
+            slab_free(item, item_size(item));
             return rc;
         }
     } else {
-        item->le.tag.num = PL_DIS;
         item->mseq = head ? head->mseq : 0;
         if (!head || !is_segment(head))
             return skip_item(src, item, DISCONTINUITY);
@@ -267,7 +277,7 @@ int add_seg(pl_source *src, const item_data *data) {
         raise_target(src, item);
     LOG(LL_INFO, "added %s [%s]/%s m%zu  channel[%s] %s\n", src->manif.is_feeding ? "MANIF" : "LIVE",
         item->le.tag.sym, print_float(item->duration).text, item->mseq, src->nametag,
-        item->path ? item->path : "(null)");
+        is_marker ? "(null)" : item->path);
     seq_keep(src);
     return trim(src);
 }
@@ -289,9 +299,8 @@ void recycle_segfile(pl_source *src, pl_item *item) {
         src->counts.deleted += delete_file(__func__, full) == 0;
         free(src->rcy_fpath);
     }
-    src->rcy_fpath = item->path;
-    item->path = nullptr;
-    LOG_FN(LL_DEBUG, "[%s] is next to recycle\n", src->rcy_fpath);
+    src->rcy_fpath = strdup(item->path);
+    LOG_FN(LL_DEBUG, "[%s] is next to recycle\n", item->path);
 }
 
 static void retire_oldest(pl_source *src) {

@@ -179,7 +179,7 @@ static void end_entries(pl_source *src, entry_count *count) {
 
 static void note_anchor(pl_source *src, const entry_count &count, std::string_view path) {
     const pl_item *item = newest_item(src);
-    if (count.is_on && is_anchor(count, path) && item && item->path && path == item->path)
+    if (count.is_on && is_anchor(count, path) && item && is_segment(item) && path == item->path)
         src->seq_item = item;
 }
 
@@ -218,7 +218,7 @@ static void mirror_items(const pl_source *src) {
         return;
     for (const pl_item *item = oldest_item(src); item; item = newer_item(item))
         fprintf(out, "#%zu s:%ld (%s) %.02f pts=%li\n", item->mseq, static_cast<long>(item->start_tm),
-                item->path ? item->path : DISCONTINUITY, item->duration, item->ifrm1_pts);
+                is_segment(item) ? item->path : DISCONTINUITY, item->duration, item->ifrm1_pts);
 }
 
 void read_manifest(pl_source *src) {

@@ -96,7 +96,7 @@ static pl_item *stretch(pl_source *src, item_reach *reach, double max_sec) {
         reach->sec += next->duration;
     }
     LOG(LL_DEBUG, "%s: found m%zu [%s], playback=%f sec\n", "shift_from", reach->last->mseq,
-        reach->last->path ? reach->last->path : "-", reach->sec);
+        is_segment(reach->last) ? reach->last->path : "-", reach->sec);
     return reach->last;
 }
 
@@ -262,7 +262,8 @@ static double media_sec(const pl_item *from, const pl_item *to) {
 // and how long the window is.
 static void measure_event(pl_task *task, const pl_item *first) {
     double within = static_cast<double>(task->start_time) - static_cast<double>(first->start_tm);
-    task->lead_sec = media_sec(task->ifirst, first) + std::max(0.0, std::min(within, first->duration));
+    task->lead_sec =
+        media_sec(task->ifirst, first) + std::max(0.0, std::min<double>(within, first->duration));
     task->window_sec =
         media_sec(task->ifirst, task->ilast) + (is_segment(task->ilast) ? task->ilast->duration : 0);
 }
@@ -286,7 +287,7 @@ static void set_event_range(pl_task *task, pl_item *first) {
 
 pl_task *mk_event_task(pl_source *src, pl_item *first, long start_tm, long duration, bool must_gzip,
                        bool is_live, long shift_sec) {
-    LOG_FN(LL_DEBUG, "src[%s], first=[%s] M%zu %s\n", src->nametag, first->path ? first->path : "-",
+    LOG_FN(LL_DEBUG, "src[%s], first=[%s] M%zu %s\n", src->nametag, is_segment(first) ? first->path : "-",
            first->mseq, is_live ? "LIVE" : "");
     pl_task *task = add_task(__func__, src, PL_EVE);
     if (!task)

@@ -119,7 +119,7 @@ static double window_longest(const pl_task *task, size_t *items) {
     *items = 0;
     for (const pl_item *item = task->ifirst;; item = newer_item(item)) {
         ++*items;
-        longest = std::max(longest, item->duration);
+        longest = std::max<double>(longest, item->duration);
         if (item == task->ilast || !item->le.next)
             return longest;
     }
@@ -132,7 +132,7 @@ static double span_longest(const pl_task *task, const text_spans *spans, size_t 
     for (const pl_item *item = task->ifirst; item;) {
         const text_span *span = spans->make(spans, item, task->ilast);
         *items += span ? span->items : 1;
-        longest = std::max(longest, span ? span->longest_sec : item->duration);
+        longest = std::max<double>(longest, span ? span->longest_sec : item->duration);
         if (item == task->ilast)
             break;
         item = span ? span->end : newer_item(item);
@@ -295,6 +295,6 @@ void put_items(text_sink *out, const pl_task *task, const pl_style &style, const
 }
 
 void put_end(text_sink *out, const pl_task *task, const pl_totals &totals) {
-    if (totals.is_at_end || task->is_eot || task->ilast->is_endlist || task->tag.num == PL_VOD)
+    if (totals.is_at_end || task->is_eot || ends_list(task->ilast) || task->tag.num == PL_VOD)
         sink_printf(out, "#EXT-X-ENDLIST\n");
 }

@@ -9,12 +9,14 @@
 #include "common/rui.h"
 #include "lib/dlep.h"
 #include "lib/gkh.h"
+#include "lib/slab.h"
 #include "lib/tag.h"
 #include "lib/util.h"
 #include "lib/xvdat.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <ctime>
 #include <sys/types.h>
 #include <type_traits>
@@ -91,15 +93,17 @@ struct plum_cfg {
 // --- sources and items ---
 
 struct pl_item {
-    dlep_elem le;      // tag (PL_SEG or PL_DIS) and links: prev = older, next = newer; note: item_breaks
+    dlep_elem le;      // tag (PL_SEG or PL_DIS) and links: prev = older, next = newer; note: see item_breaks
     size_t mseq;       // media sequence number
-    char *path;        // owned; null for a discontinuity and once it was handed on for deletion
-    double duration;   // seconds
     time_t start_tm;   // Unix seconds
     off_t fsize;       // bytes
     int64_t ifrm1_pts; // of the first I-frame, the source's units
-    bool is_endlist;   // the stream ends here
+    float duration;    // seconds, as lines carry it
+    char path[];       // of the segment file, relative to the data directory; empty for a discontinuity
 };
+
+// Kept in the note, beside the markers before the item: the stream ends here.
+inline constexpr uint32_t ITEM_ENDS_LIST = 1u << 31;
 
 // One parsed line of a source or manifest.
 struct item_data {
@@ -152,15 +156,16 @@ struct src_counts {
 struct pl_source {
     n32_tag tag; // PL_SRC
     char nametag[MAX_SRC_NAME];
-    ssize_t idx;         // slot in g_ctx.sources
-    int sockfd;          // -1 while suspended
-    time_t last_item_tm; // idle clock's seconds (`idle_clock`); 1 = expire at the next check
-    ssize_t live_idx;    // shared live task, -1 = none
-    ssize_t vod_idx;     // shared VOD task, -1 = none
-    xvlst tasks;         // of pl_task
-    skht_t ev_ht;        // event keys -> taskref (owned, malloc)
-    dlep_t items;        // of pl_item, newest at the head
-    double total_sec;    // durations of the segment items
+    ssize_t idx;          // slot in g_ctx.sources
+    int sockfd;           // -1 while suspended
+    time_t last_item_tm;  // idle clock's seconds (`idle_clock`); 1 = expire at the next check
+    ssize_t live_idx;     // shared live task, -1 = none
+    ssize_t vod_idx;      // shared VOD task, -1 = none
+    xvlst tasks;          // of pl_task
+    skht_t ev_ht;         // event keys -> taskref (owned, malloc)
+    dlep_t items;         // of pl_item, newest at the head
+    slab_pool item_slabs; // their memory
+    double total_sec;     // durations of the segment items
     src_params param;
     char *tail;        // owned, tail_len bytes: a partial line, or what followed the init line
     char *rcy_fpath;   // owned: the segment file to delete at the next retirement
@@ -349,7 +354,13 @@ inline bool is_segment(const pl_item *item) {
 // How many discontinuity markers of the source's life stand before the item, retired ones included; a marker
 // does not count itself.
 inline uint32_t item_breaks(const pl_item *item) {
-    return item->le.note;
+    return item->le.note & ~ITEM_ENDS_LIST;
+}
+inline bool ends_list(const pl_item *item) {
+    return item->le.note & ITEM_ENDS_LIST;
+}
+inline size_t item_size(const pl_item *item) {
+    return offsetof(pl_item, path) + strlen(item->path) + 1;
 }
 inline pl_task *src_task(const pl_source *src, ssize_t idx) {
     return xvlst_at<pl_task>(src->tasks, static_cast<size_t>(idx));

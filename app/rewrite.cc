@@ -14,8 +14,7 @@ LOG_UNIT(LOG_MOD_APP);
 static constexpr size_t SHORT_WINDOW = 128;       // segments
 static constexpr int64_t AT_ONCE_NS = 20'000'000; // of one pass, for short windows
 static constexpr int64_t SLICE_NS = 5'000'000;
-static constexpr int64_t REST_NUM = 3; // others have 3 / 2 of a slice's time behind it
-static constexpr int64_t REST_DEN = 2;
+static constexpr int64_t REST = 2;    // times a slice, which others have behind it
 static constexpr int64_t LOOK_MS = 1; // the loop's wait while something is waiting
 static constexpr size_t QUEUE_BLOCK = 64;
 
@@ -104,7 +103,7 @@ void rewrite_step() {
     int64_t now = start;
     for (; g_queue.tasks.len > 0 && now - start < SLICE_NS; now = clock_ns())
         write_last();
-    g_queue.due_ns = now + (now - start) * REST_NUM / REST_DEN;
+    g_queue.due_ns = now + (now - start) * REST;
     if (g_queue.tasks.len == 0)
         rm_timeout(TMO_REWRITE);
     LOG_FN(LL_DEBUG, "%zu playlists wait to be rewritten\n", g_queue.tasks.len);

@@ -77,7 +77,7 @@ TEST_F(PlStretch, SaysWhatPlainTextSays) {
                 like.tag.num = TAGS[upto(2)];
                 like.ifirst = item(src, first);
                 like.ilast = one_in(3) ? newest_item(src) : item(src, first + upto(count - 1 - first));
-                like.ilast->is_endlist = one_in(10);
+                like.ilast->le.note |= one_in(10) ? ITEM_ENDS_LIST : 0;
                 like.is_live = one_in(2);
                 like.is_strict = turn % 20 >= 10;
                 like.end_time =
