@@ -98,8 +98,8 @@ static bool next_line(FILE *fp, char (&buf)[MAX_LINE], size_t *len) {
 
 // --- counting on from the sequence file ---
 
-// Every segment entry of the manifest has a number, whether or not it can be imported, so that number and
-// path stay paired.
+// Every segment entry of the manifest has a number, whether or not it can be imported, so that numbers never
+// go back.
 struct entry_count {
     int64_t mseq;   // of the next segment entry
     int64_t breaks; // before it
@@ -145,8 +145,9 @@ static void find_anchor(pl_source *src, FILE *fp, entry_count *count) {
         count_entry(count, path);
     }
     rewind(fp);
+    const bool is_marker_lost = count->anchor.is_behind_break && count->is_behind_segment;
     count->mseq = count->anchor.mseq - count->mseq;
-    count->breaks = count->anchor.breaks - count->breaks;
+    count->breaks = count->anchor.breaks - count->breaks - is_marker_lost;
     count->is_behind_segment = false;
 }
 
@@ -160,10 +161,24 @@ static void begin_entry(pl_source *src, entry_count *count, std::string_view pat
     if (!count->is_on || path.empty() || path == DISCONTINUITY)
         return;
     if (is_anchor(*count, path)) {
+        // The marker counts itself.
+        if (count->anchor.is_behind_break && count->is_behind_segment) {
+            set_numbers(src, *count);
+            add_discontinuity(src);
+        }
         count->mseq = count->anchor.mseq;
         count->breaks = count->anchor.breaks;
     }
     set_numbers(src, *count);
+}
+
+// Players count the lines of a list: where an entry could not be imported, the older ones move up.
+static void close_gaps(pl_source *src) {
+    size_t mseq = src->next_mseq;
+    for (pl_item *item = newest_item(src); item && mseq > 0; item = older_item(item)) {
+        item->mseq = mseq - 1;
+        mseq -= is_segment(item);
+    }
 }
 
 // What comes next is behind all entries, and behind a break, also when the last of them could not be imported
@@ -175,6 +190,7 @@ static void end_entries(pl_source *src, entry_count *count) {
     if (count->is_behind_segment && !(newest && is_segment(newest)))
         ++count->breaks;
     set_numbers(src, *count);
+    close_gaps(src);
 }
 
 static void note_anchor(pl_source *src, const entry_count &count, std::string_view path) {

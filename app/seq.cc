@@ -17,7 +17,8 @@ LOG_UNIT(LOG_MOD_APP);
 static constexpr int64_t MAX_MSEQ =
     1'000'000'000'000'000; // far from any overflow, however long a stream runs
 static constexpr int64_t MAX_BREAKS = 1'000'000'000;
-static constexpr size_t MAX_LINE = MAX_ITEM_PATH + 48;
+static constexpr char BEHIND_BREAK[] = " DISCONTINUITY";
+static constexpr size_t MAX_LINE = MAX_ITEM_PATH + 48 + sizeof(BEHIND_BREAK);
 
 using seq_path = char[MAX_MANIFEST_PATH];
 
@@ -40,8 +41,11 @@ static bool parse(std::string_view text, seq_anchor *anchor) {
     text.remove_suffix(1);
     line_scan scan{.rest = text};
     std::string_view path = scan_word(&scan);
-    if (!scan_long(&scan, &anchor->mseq) || !scan_long(&scan, &anchor->breaks) || !scan.rest.empty() ||
+    if (!scan_long(&scan, &anchor->mseq) || !scan_long(&scan, &anchor->breaks) ||
         path.size() >= sizeof(anchor->path))
+        return false;
+    anchor->is_behind_break = scan.rest == BEHIND_BREAK;
+    if (!anchor->is_behind_break && !scan.rest.empty())
         return false;
     copy_cut(anchor->path, sizeof(anchor->path), path);
     return anchor->mseq >= 0 && anchor->mseq <= MAX_MSEQ && anchor->breaks >= 0 &&
@@ -89,13 +93,19 @@ static void report_failure(pl_source *src, const char *path) {
         path, errno, strerror(errno));
 }
 
+static bool is_behind_break(const pl_item *item) {
+    const pl_item *older = older_item(item);
+    return older && !is_segment(older);
+}
+
 static bool write_anchor(pl_source *src, const pl_item *item) {
     seq_path path;
     seq_path tmp;
     char text[MAX_LINE];
     if (!mk_path(src, "", path) || !mk_path(src, ".tmp", tmp))
         return false;
-    int len = snprintf(text, sizeof(text), "%s %zu %u\n", item->path, item->mseq, item_breaks(item));
+    int len = snprintf(text, sizeof(text), "%s %zu %u%s\n", item->path, item->mseq, item_breaks(item),
+                       is_behind_break(item) ? BEHIND_BREAK : "");
     if (write_text(tmp, text, static_cast<size_t>(len)) && rename(tmp, path) == 0)
         return true;
     report_failure(src, path);
@@ -111,9 +121,8 @@ void seq_keep(pl_source *src) {
         item = older_item(item);
     if (!item)
         return;
-    const pl_item *older = older_item(item);
-    bool is_behind_break = older && !is_segment(older) && src->seq_item != item;
-    if ((!src->seq_item || is_behind_break) && write_anchor(src, item))
+    bool is_wanted = !src->seq_item || (is_behind_break(item) && src->seq_item != item);
+    if (is_wanted && write_anchor(src, item))
         src->seq_item = item;
 }
 

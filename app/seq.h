@@ -1,6 +1,8 @@
 // The sequence file: "DATA_DIR/NAME/NAME.seq", beside the manifest, names one segment of the list with its
 // media and its discontinuity sequence, so that a restarted daemon goes on counting where the playlists that
-// viewers hold were. One line of text, "PATH MEDIA DISCONTINUITY"; it is replaced by a rename.
+// viewers hold were. One line of text, "PATH MEDIA BREAKS", with " DISCONTINUITY" behind it when a marker
+// stands right before the segment: the producer's manifest does not know of the breaks that the daemon found.
+// It is replaced by a rename.
 //
 // Kept with `strict_hls`, and not for backups. The file is written before the playlists that list its
 // segment: with a source's first segment, with the first one behind each discontinuity, and when the named
@@ -14,6 +16,7 @@ struct seq_anchor {
     char path[MAX_ITEM_PATH];
     int64_t mseq;   // of that segment
     int64_t breaks; // discontinuities before it
+    bool is_behind_break;
 };
 
 // Reads a source's file. False without `strict_hls`, for a backup, and when the file is missing or not valid

@@ -98,7 +98,7 @@ def test_a_whole_channel(lumo):
     for path, start, dur, size, _, pts in (rows := entries(d)):
         full = d.path("data", path)
         assert os.path.getsize(full) == int(size) and probe(full) == int(pts) and 1.9 < float(dur) < 2.3
-    assert [int(b[1]) - int(a[1]) for a, b in zip(rows, rows[1:])] == [2, 2]
+    assert all(1 < int(b[1]) - int(a[1]) < 4 for a, b in zip(rows, rows[1:])), "whole seconds"
     assert -1 < now - int(rows[-1][1]) - 2 < 3
     feed.end()
     count = len(entries(d))
@@ -131,7 +131,8 @@ def test_nothing_is_lost_or_listed_twice(lumo):
     d.proc.send_signal(signal.SIGCONT)
     feed.wait(r"SEGMENT: chan/main-000013")
     until(lambda: listed(d)[:13] == names(1, 13), "all of them")
-    assert noted(d)[:13] == names(1, 13)
+    assert [name for name in noted(d) if name != "DISCONTINUITY"][:13] == names(1, 13)
+    assert noted(d).count("DISCONTINUITY") in (3, 4), "those that imports put into the daemon's list"
     feed.end()
 
 @pytest.mark.parametrize("imports", [True, False])
@@ -172,12 +173,12 @@ def test_what_a_living_daemon_missed(make, imports):
     server = listen()
     peer, lines = serve(server)
     row(4)
-    missed = [] if imports else ["s2", "s3"]
-    for name in [*missed, "s4"]:
-        assert name + ".ts" in lines.readline()
+    for name in ["DISCONTINUITY"] if imports else ["s2.ts", "s3.ts"]:
+        assert name in lines.readline()
+    assert "s4.ts" in lines.readline()
     for sock in (server, lines, peer):
         sock.close()
-    assert noted(d) == ["s1.ts", "s2.ts", "s3.ts", "s4.ts"]
+    assert noted(d) == ["s1.ts", "s2.ts", "s3.ts", *["DISCONTINUITY"] * imports, "s4.ts"]
 
 def test_a_source_that_the_daemon_dropped(lumo):
     d = lumo(src_tmout_sec=1, task_tmout_sec=1)

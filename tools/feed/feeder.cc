@@ -82,16 +82,20 @@ static void put_aside(feeder *feed, const std::string &path) {
 
 // --- the lock ---
 
+static void break_next(feeder *feed) {
+    if (feed->held.empty())
+        feed->must_break = true;
+    else
+        feed->held.front().is_break = true;
+}
+
 static bool take_air(feeder *feed) {
     if (feeder_is_on_air(*feed))
         return true;
     if (is_lock_resting(*feed) || !mft_take(&feed->mft, static_cast<time_t>(wall_now())))
         return false;
     say(SAY_NOTE, "is the channel's feeder");
-    if (feed->held.empty())
-        feed->must_break = true;
-    else
-        feed->held.front().is_break = true;
+    break_next(feed);
     drop_aside(feed);
     return true;
 }
@@ -161,6 +165,9 @@ static void on_accepted(feeder *feed) {
         is_on_air ? "" : ", as the stand-in",
         is_on_air && feed->link.has_imported ? "; it has the manifest" : "");
     feed->refusals = 0;
+    // The daemon has put a break behind what it imported, and the next import is to find it too.
+    if (is_on_air && feed->link.has_imported)
+        break_next(feed);
     send_missed(feed);
     settle(feed);
 }
