@@ -93,12 +93,23 @@ static void let_go_of_items(pl_task *task) {
     task->reach = {};
 }
 
-// A finished task keeps its file, but not the items that go.
-static void pass_over_finished(pl_task *task, bool must_trim) {
+static int leave_with_items(pl_task *task) {
+    let_go_of_items(task);
+    task->keeps_files = true;
+    return pprm_task(task);
+}
+
+// A finished task keeps its file, but not the items that go; a strict one goes with its first segment, since
+// nothing that it lists could be fetched for long.
+static int pass_over_finished(pl_task *task, bool must_trim) {
     LOG(LL_DEBUG, "%s: %s%u is EOT, skipping\n", "adjust_task", task->tag.sym, task->tseq);
     const pl_item *oldest = oldest_item(task->src);
-    if (must_trim && (task->ifirst == oldest || task->ilast == oldest))
-        let_go_of_items(task);
+    if (!must_trim || (task->ifirst != oldest && task->ilast != oldest))
+        return 0;
+    if (task->is_strict)
+        return leave_with_items(task);
+    let_go_of_items(task);
+    return 0;
 }
 
 static void detach_vod(pl_task *task) {
@@ -115,10 +126,8 @@ int adjust_task(pl_task *task, bool must_trim) {
     // So an end that still waits to be written comes first.
     if (task->is_queued && task->end_time > 0 && is_eot_reachable(task->src, task->end_time))
         rewrite_now(task);
-    if (task->is_eot) {
-        pass_over_finished(task, must_trim);
-        return 0;
-    }
+    if (task->is_eot)
+        return pass_over_finished(task, must_trim);
     pl_source *src = task->src;
     CHECK(newest_item(src) && task->ifirst && task->ilast);
     bool is_vod = task->tag.num == PL_VOD;
@@ -139,8 +148,7 @@ int adjust_task(pl_task *task, bool must_trim) {
     if (must_trim && task->ifirst == oldest_item(src)) {
         LOG_FN(LL_WARN, "(%s) t%u references tail (m%zu), must RETIRE\n", task->tag.sym, task->tseq,
                task->ifirst->mseq);
-        let_go_of_items(task);
-        return pprm_task(task);
+        return leave_with_items(task);
     }
     // Writing finishes an event, which then moves no more: not after its items have retired.
     if (is_end_reachable && g_cfg.refresh_pl_files)

@@ -2,6 +2,7 @@
 
 #include "app/backup.h"
 #include "app/cfg.h"
+#include "app/discard.h"
 #include "app/feed.h"
 #include "app/item.h"
 #include "app/manifest.h"
@@ -42,6 +43,17 @@ static constexpr int TOO_MANY_SOURCES = -34;
 static constexpr int NAME_IS_CONNECTED = -16;
 
 // --- context ---
+
+// With late deletion a retired file is in the queue; one that retired before it was switched on is not.
+static void take_last_file(pl_source *src) {
+    if (!src->rcy_fpath || !is_discard_on())
+        return;
+    char full[sizeof(g_cfg.data_dir) + MAX_ITEM_PATH + 1];
+    snprintf(full, sizeof(full), "%s/%s", src_data_dir(src), src->rcy_fpath);
+    discard_file(src, full);
+    free(src->rcy_fpath);
+    src->rcy_fpath = nullptr;
+}
 
 static int open_reporter() {
     if (!g_cfg.mdr.is_enabled)
@@ -91,13 +103,23 @@ int init_plum_ctx(const rui_socket_cb &cb) {
     return 0;
 }
 
+static int save_pending(void *sources, size_t i) {
+    pl_source *src = static_cast<pl_source *>(sources) + i;
+    take_last_file(src);
+    discard_save(src);
+    return 0;
+}
+
 void destroy_plum_ctx() {
     rewrite_clear();
     mdr_close(g_ctx.mdr);
     g_ctx.mdr = nullptr;
     rui_ctx_destroy(&g_ctx.rui);
+    if (g_ctx.is_ready)
+        xvlst_each(&g_ctx.sources, save_pending, nullptr);
     xvlst_purge_all(&g_ctx.sources, rm_src_rec);
     xvlst_reset(&g_ctx.sources);
+    discard_end();
     end_deletions();
     xvlst_reset(&g_ctx.pprm_tasks);
     if (g_ctx.src_ht)
@@ -239,6 +261,7 @@ int init_src(pl_source *src, const char *nametag, ssize_t idx, int fd, std::stri
     }
     set_timeout(TMO_SRC, g_cfg.src_tmout_sec * 1000L);
     src->has_timer = true;
+    discard_resume(src);
     if (!is_backup_name(src->nametag))
         read_manifest(src);
     LOG_FN(LL_DEBUG, "END src[%s] fd%d, rc=%d\n", src->nametag, fd, rc);
@@ -299,9 +322,11 @@ void destroy_src(pl_source *src) {
     LOG_FN(LL_DEBUG, "[%s] idx=%zd BEGIN\n", src->nametag, src->idx);
     unhash(src);
     xvlst_each_aux(&g_ctx.sources, src, forget_master, nullptr);
+    take_last_file(src);
     free_texts(src);
     xvlst_purge_all(&src->tasks, rm_task_rec);
     xvlst_reset(&src->tasks);
+    discard_orphan(src);
     stretch_drop(src);
     if (src->items)
         dlep_destroy(src->items, free_item_elem);

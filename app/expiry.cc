@@ -2,6 +2,7 @@
 
 #include "app/app.h"
 #include "app/backup.h"
+#include "app/discard.h"
 #include "app/pl_stretch.h"
 #include "app/retry.h"
 #include "app/task.h"
@@ -123,6 +124,7 @@ void time_out_src_tasks() {
     if (is_iocheck_time(&g_ctx.last_task_check, g_cfg.lk_tmout_sec)) {
         begin_sweep();
         retry_deletions();
+        discard_orphans_due();
         int removed = xvlst_rmif(&g_ctx.sources, nullptr, src_expired, nullptr);
         if (removed > 0)
             LOG_FN(LL_INFO, "removed %d source(s)\n", removed);
@@ -139,6 +141,7 @@ int src_expired(void *sources, size_t i, void *) {
     pl_source *src = static_cast<pl_source *>(sources) + i;
     stretch_age(src);
     retry_take_over(src);
+    discard_due(src);
     long idle = idle_sec(src);
     long limit = idle_limit(src);
     if (idle < limit)

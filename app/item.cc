@@ -1,6 +1,7 @@
 #include "app/item.h"
 
 #include "app/adjust.h"
+#include "app/discard.h"
 #include "app/pl_stretch.h"
 #include "app/retry.h"
 #include "app/seq.h"
@@ -292,12 +293,18 @@ int add_discontinuity(pl_source *src) {
 // --- changes ---
 
 void recycle_segfile(pl_source *src, pl_item *item) {
+    file_path full;
     if (src->rcy_fpath) {
-        file_path full;
         mk_full_path(src, src->rcy_fpath, full);
         LOG_FN(LL_DEBUG, "removing [%s]\n", full);
         src->counts.deleted += delete_file(__func__, full) == 0;
         free(src->rcy_fpath);
+        src->rcy_fpath = nullptr;
+    }
+    if (is_discard_on()) {
+        mk_full_path(src, item->path, full);
+        discard_file(src, full);
+        return;
     }
     src->rcy_fpath = strdup(item->path);
     LOG_FN(LL_DEBUG, "[%s] is next to recycle\n", item->path);

@@ -34,5 +34,6 @@ void free_item(pl_item *item);
 
 // Moves the source's tasks and, with `must_trim`, retires the oldest item. 0 or a task's failure.
 int apply_src_changes(pl_source *src, bool must_trim);
-// Takes over the retired item's path: its file is deleted when the next one retires.
+// Takes over the retired item's path: its file is deleted when the next one retires, or
+// `keep_retired_sec` from now.
 void recycle_segfile(pl_source *src, pl_item *item);

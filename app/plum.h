@@ -131,6 +131,13 @@ struct manifest_ctx {
 };
 
 struct pl_stretches;
+struct discard_node;
+
+// Files that wait for their deletion, the next one first; owned by discard.
+struct discard_queue {
+    discard_node *first;
+    discard_node *last;
+};
 
 // Why a line of a source was not taken.
 enum line_refusal : size_t {
@@ -182,6 +189,7 @@ struct pl_source {
     size_t next_mseq;        // of the next segment
     const pl_item *seq_item; // the item that the sequence file names; null = another is to be named
     bool has_seq_failed;     // told that the sequence file cannot be written
+    discard_queue discards;  // files to delete later
     pl_stretches *stretches; // owned by pl_stretch: kept compressed text; null = none
     unsigned target_sec;     // of strict playlists, it never sinks; 0 = no segment yet, and no minimum
     src_counts counts;
@@ -224,6 +232,7 @@ struct pl_task {
     item_reach reach;        // of an event whose end is in the list
     time_t step_idle_tm;     // the idle clock's seconds when the wall clock was set; 0 = touched since
     time_t step_touch;       // the lock file's modification time then
+    bool keeps_files;        // goes with its first segment: its files are deleted as late as that one
     bool is_strict;          // written as strict players want it
     long shift_sec;          // the time shift that an event was asked for by, 0 = by clock time
     double lead_sec;   // of a strict event: media before the clock time asked for, negative once it left

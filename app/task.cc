@@ -1,5 +1,6 @@
 #include "app/task.h"
 
+#include "app/discard.h"
 #include "app/retry.h"
 #include "lib/check.h"
 #include "lib/log.h"
@@ -199,11 +200,22 @@ void drop_playlist(pl_task *task) {
     drop_lock(task);
 }
 
+// Viewers may still hold it: it goes with its segments.
+static void leave_playlist(pl_task *task) {
+    for (char *path : {task->fpath, task->lpath}) {
+        if (path[0])
+            discard_file(task->src, path);
+        path[0] = '\0';
+    }
+}
+
 void destroy_task(pl_task *task) {
     CHECK(task->tag.num == PL_LIV || task->tag.num == PL_VOD || task->tag.num == PL_EVE);
     LOG_FN(LL_DEBUG, "(%p) %s%u [%s] of [%s], idx=%zd, peer=[%s]\n", static_cast<void *>(task), task->tag.sym,
            task->tseq, task->fpath, task->src->nametag, task->idx, task->peer_tag ? task->peer_tag : "");
     rm_from_evht(task);
+    if (task->keeps_files && is_discard_on())
+        leave_playlist(task);
     drop_playlist(task);
     free(task->peer_tag);
     task->peer_tag = nullptr;

@@ -1,0 +1,163 @@
+#include "app/discard.h"
+
+#include "app/retry.h"
+#include "lib/log.h"
+#include "lib/rqs.h"
+#include "lib/strops.h"
+#include "lib/syswrap.h"
+#include "lib/util.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <unistd.h>
+
+LOG_UNIT(LOG_MOD_APP);
+
+static constexpr int64_t MAX_KEEP_SEC = 604800;
+static constexpr size_t MAX_PATH = 256;
+static constexpr size_t MAX_LINE = MAX_PATH + 32;
+
+struct discard_node {
+    discard_node *next;
+    time_t due;  // the loop's seconds
+    char path[]; // full
+};
+
+static discard_queue g_orphans;
+
+static time_t loop_sec() {
+    return rqs_now_ref()->tv_sec;
+}
+
+bool is_discard_on() {
+    return g_cfg.keep_retired_sec > 0;
+}
+
+static void push(discard_queue *queue, const char *path, time_t due) {
+    size_t size = strlen(path) + 1;
+    auto *node = static_cast<discard_node *>(W_calloc("discard_file", 1, sizeof(discard_node) + size));
+    if (!node)
+        return;
+    memcpy(node->path, path, size);
+    node->due = due;
+    (queue->last ? queue->last->next : queue->first) = node;
+    queue->last = node;
+}
+
+static void drop_first(discard_queue *queue) {
+    discard_node *node = queue->first;
+    queue->first = node->next;
+    if (!queue->first)
+        queue->last = nullptr;
+    free(node);
+}
+
+static size_t delete_due(discard_queue *queue, time_t until) {
+    size_t deleted = 0;
+    for (; queue->first && queue->first->due <= until; drop_first(queue)) {
+        LOG(LL_DEBUG, "%s: removing [%s]\n", "discard_due", queue->first->path);
+        deleted += delete_file("discard_due", queue->first->path) == 0;
+    }
+    return deleted;
+}
+
+void discard_file(pl_source *src, const char *path) {
+    LOG_FN(LL_DEBUG, "[%s] stays for %d sec\n", path, g_cfg.keep_retired_sec);
+    push(&src->discards, path, loop_sec() + g_cfg.keep_retired_sec);
+}
+
+void discard_due(pl_source *src) {
+    src->counts.deleted += delete_due(&src->discards, loop_sec());
+}
+
+void discard_orphans_due() {
+    delete_due(&g_orphans, loop_sec());
+}
+
+void discard_orphan(pl_source *src) {
+    if (!src->discards.first)
+        return;
+    (g_orphans.last ? g_orphans.last->next : g_orphans.first) = src->discards.first;
+    g_orphans.last = src->discards.last;
+    src->discards = {};
+}
+
+void discard_end() {
+    while (g_orphans.first) {
+        delete_file(__func__, g_orphans.first->path);
+        drop_first(&g_orphans);
+    }
+}
+
+// --- over a restart ---
+
+using pending_path = char[MAX_PATH];
+
+static bool mk_path(const pl_source *src, pending_path &path) {
+    int n = snprintf(path, sizeof(path), "%s/%s/%s.pending", src_data_dir(src), src->nametag, src->nametag);
+    return n > 0 && n < static_cast<int>(sizeof(path));
+}
+
+// The file's path in the source's directory; null when it is not below it.
+static const char *path_below(const char *dir, const char *path) {
+    size_t len = strlen(dir);
+    return strncmp(path, dir, len) == 0 && path[len] == '/' ? path + len + 1 : nullptr;
+}
+
+void discard_save(pl_source *src) {
+    pending_path path;
+    if (!src->discards.first)
+        return;
+    FILE *fp = mk_path(src, path) ? fopen(path, "we") : nullptr;
+    bool is_kept = fp != nullptr;
+    time_t now = time(nullptr);
+    for (const discard_node *node = src->discards.first; is_kept && node; node = node->next) {
+        const char *below = path_below(src_data_dir(src), node->path);
+        if (below)
+            is_kept = fprintf(fp, "%" PRId64 " %s\n", now + (node->due - loop_sec()), below) > 0;
+        else
+            delete_file(__func__, node->path);
+    }
+    is_kept = fp && fclose(fp) == 0 && is_kept;
+    if (!is_kept) {
+        LOG_FN(LL_ERROR, "src[%s] cannot keep its pending deletions, ERROR(%d): %s\n", src->nametag, errno,
+               strerror(errno));
+        if (fp)
+            unlink(path);
+    }
+    for (; src->discards.first; drop_first(&src->discards))
+        if (!is_kept)
+            delete_file(__func__, src->discards.first->path);
+}
+
+// A line can name nothing outside the source's directory.
+static void take_line(pl_source *src, std::string_view line) {
+    line_scan scan{.rest = line};
+    int64_t due = 0;
+    char full[MAX_PATH];
+    std::string_view path = scan_long(&scan, &due) ? scan_word(&scan) : std::string_view{};
+    if (path.empty() || has_dotdot(path) || line.find('\0') != std::string_view::npos)
+        return;
+    int n = snprintf(full, sizeof(full), "%s/%.*s", src_data_dir(src), static_cast<int>(path.size()),
+                     path.data());
+    int64_t left = std::clamp<int64_t>(due, 0, INT64_MAX / 2) - time(nullptr);
+    if (n > 0 && n < static_cast<int>(sizeof(full)))
+        push(&src->discards, full, loop_sec() + std::clamp<int64_t>(left, 0, MAX_KEEP_SEC));
+}
+
+void discard_resume(pl_source *src) {
+    pending_path path;
+    FILE *fp = mk_path(src, path) ? fopen_regular(path) : nullptr;
+    if (!fp)
+        return;
+    char line[MAX_LINE];
+    while (fgets(line, sizeof(line), fp))
+        take_line(src, line);
+    fclose(fp);
+    W_unlink(__func__, path);
+}

@@ -1,0 +1,26 @@
+// Late deletion, with `keep_retired_sec`: files that leave the playlists stay that long, for viewers who
+// still hold a list that names them. Each source keeps its files in a queue, in the order in which they are
+// due; the periodic sweep deletes from the front, and nothing is scanned. What an expired source leaves waits
+// on without it.
+//
+// At a clean end the queue goes to "DATA_DIR/NAME/NAME.pending", a line "UNIX_TIME PATH" for each file; it is
+// read and removed when the source comes back. A queue that cannot be written there is deleted at once.
+#pragma once
+
+#include "app/plum.h"
+
+// Whether files are deleted late; they are not with `keep_retired_sec` 0.
+bool is_discard_on();
+// Takes over the deletion of a file, given by its full path.
+void discard_file(pl_source *src, const char *path);
+// Deletes what is due: of one source, and of those that have expired.
+void discard_due(pl_source *src);
+void discard_orphans_due();
+
+// The source goes, the daemon goes on.
+void discard_orphan(pl_source *src);
+// The daemon ends.
+void discard_save(pl_source *src);
+void discard_end();
+// The source is new: takes up what an earlier daemon left to be deleted.
+void discard_resume(pl_source *src);

@@ -1,0 +1,44 @@
+"""Late deletion: what was listed can be fetched for a while."""
+import os
+import time
+
+from harness import until
+
+KEEP = 3
+
+def gone(d, paths):
+    until(lambda: not any(map(os.path.exists, paths)), "the files to go", poke=d.poke)
+
+def test_files_outlive_their_listing(lumo):
+    """Segments, and the playlists that go with them; nothing else goes."""
+    d = lumo(keep_retired_sec=KEEP, strict_hls=True, task_tmout_sec=1, src_tmout_sec=60)
+    src = d.source(params=f"max_sec=100 data_dir={d.data}")
+    segs = src.feed(10, dur=10.0)
+    lists = [d.ask("T1 VOD chan").path, d.ask(f"T1 EVE chan {segs[0].start} 25").path]
+    began = time.monotonic()
+    segs += src.feed(2, dur=10.0)
+    assert d.ask(f"T1 EVE chan {segs[0].start} 25").error == (404, "no data for the event")
+    leaving = [seg.full for seg in segs[:2]] + lists + [path + ".alk" for path in lists]
+    assert all(map(os.path.exists, leaving))
+    gone(d, leaving)
+    assert time.monotonic() - began > KEEP - 1.1 and all(seg.exists() for seg in segs[2:])
+
+def test_deletions_survive_the_source_and_a_clean_end(lumo):
+    d = lumo(keep_retired_sec=KEEP, task_tmout_sec=1, src_tmout_sec=1)
+    src = d.source(params=f"max_sec=100 data_dir={d.data}")
+    segs = src.feed(12, dur=10.0)
+    pending = d.path("data", "chan", "chan.pending")
+    d.stop()
+    with open(pending, "a") as out:  # it is not believed blindly
+        out.write(f"0 ../lum.conf\nx\n{2**63} \n")
+    d.start()
+    assert segs[0].exists() and segs[1].exists()
+    again = d.source(params=f"max_sec=100 data_dir={d.data}", start=src.next_start)
+    assert not os.path.exists(pending)
+    again.count = 50
+    late = again.feed(11, dur=10.0)
+    again.sock.close()
+    d.wait_log(r"removed 1 source\(s\)", poke=True)
+    assert late[0].exists()
+    gone(d, [seg.full for seg in segs[:2] + late[:1]])
+    assert os.path.exists(d.conf) and all(seg.exists() for seg in late[1:])
