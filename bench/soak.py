@@ -23,6 +23,7 @@ PRODUCERS = 8
 DEPTH_SEC = 100
 TASK_TMOUT = 4
 SRC_TMOUT = 5
+FIRST_ASK = 8  # seconds until there is something to ask for
 
 
 def connect(path):
@@ -149,7 +150,7 @@ def run(lumo, seconds):
                 backups[i] = Producer(box, f"~chan{i}")
             if i not in mains and i in backups and random.random() < 0.002:
                 backups.pop(i).kill()
-        for _ in range(3):
+        for _ in range(3 if t > FIRST_ASK else 0):
             line = request_line(now, t)
             answer = box.ask(line).split()
             counts["requests"] += 1
