@@ -264,6 +264,7 @@ int init_src(pl_source *src, const char *nametag, ssize_t idx, int fd, std::stri
     discard_resume(src);
     if (!is_backup_name(src->nametag))
         read_manifest(src);
+    discard_keep_listed(src);
     LOG_FN(LL_DEBUG, "END src[%s] fd%d, rc=%d\n", src->nametag, fd, rc);
     return rc;
 }

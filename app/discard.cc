@@ -14,7 +14,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
+#include <string_view>
 #include <unistd.h>
+#include <unordered_set>
+#include <utility>
 
 LOG_UNIT(LOG_MOD_APP);
 
@@ -38,6 +42,12 @@ bool is_discard_on() {
     return g_cfg.keep_retired_sec > 0;
 }
 
+static void append(discard_queue *queue, discard_node *node) {
+    node->next = nullptr;
+    (queue->last ? queue->last->next : queue->first) = node;
+    queue->last = node;
+}
+
 static void push(discard_queue *queue, const char *path, time_t due) {
     size_t size = strlen(path) + 1;
     auto *node = static_cast<discard_node *>(W_calloc("discard_file", 1, sizeof(discard_node) + size));
@@ -45,8 +55,7 @@ static void push(discard_queue *queue, const char *path, time_t due) {
         return;
     memcpy(node->path, path, size);
     node->due = due;
-    (queue->last ? queue->last->next : queue->first) = node;
-    queue->last = node;
+    append(queue, node);
 }
 
 static void drop_first(discard_queue *queue) {
@@ -69,6 +78,24 @@ static size_t delete_due(discard_queue *queue, time_t until) {
 void discard_file(pl_source *src, const char *path) {
     LOG_FN(LL_DEBUG, "[%s] stays for %d sec\n", path, g_cfg.keep_retired_sec);
     push(&src->discards, path, loop_sec() + g_cfg.keep_retired_sec);
+}
+
+// Frees the nodes whose path is no longer to be deleted.
+template <class pred> static void drop_if(discard_queue *queue, pred is_used) {
+    discard_node *node = std::exchange(*queue, {}).first;
+    while (node) {
+        discard_node *next = node->next;
+        if (is_used(node->path))
+            free(node);
+        else
+            append(queue, node);
+        node = next;
+    }
+}
+
+void discard_forget(pl_source *src, const char *path) {
+    for (discard_queue *queue : {&src->discards, &g_orphans})
+        drop_if(queue, [path](const char *name) { return strcmp(name, path) == 0; });
 }
 
 void discard_due(pl_source *src) {
@@ -109,11 +136,20 @@ static const char *path_below(const char *dir, const char *path) {
     return strncmp(path, dir, len) == 0 && path[len] == '/' ? path + len + 1 : nullptr;
 }
 
+// Whatever the mask: who may write to it names files to delete.
+static FILE *open_pending(const char *path) {
+    fd_guard file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    FILE *fp = file.fd < 0 ? nullptr : fdopen(file.fd, "w");
+    if (fp)
+        file.release();
+    return fp;
+}
+
 void discard_save(pl_source *src) {
     pending_path path;
     if (!src->discards.first)
         return;
-    FILE *fp = mk_path(src, path) ? fopen(path, "we") : nullptr;
+    FILE *fp = mk_path(src, path) ? open_pending(path) : nullptr;
     bool is_kept = fp != nullptr;
     time_t now = time(nullptr);
     for (const discard_node *node = src->discards.first; is_kept && node; node = node->next) {
@@ -135,13 +171,13 @@ void discard_save(pl_source *src) {
             delete_file(__func__, src->discards.first->path);
 }
 
-// A line can name nothing outside the source's directory.
+// A line can name nothing outside the source's directory, and one that was cut names nothing.
 static void take_line(pl_source *src, std::string_view line) {
     line_scan scan{.rest = line};
     int64_t due = 0;
     char full[MAX_PATH];
     std::string_view path = scan_long(&scan, &due) ? scan_word(&scan) : std::string_view{};
-    if (path.empty() || has_dotdot(path) || line.find('\0') != std::string_view::npos)
+    if (path.empty() || has_dotdot(path) || line.back() != '\n')
         return;
     int n = snprintf(full, sizeof(full), "%s/%.*s", src_data_dir(src), static_cast<int>(path.size()),
                      path.data());
@@ -160,4 +196,16 @@ void discard_resume(pl_source *src) {
         take_line(src, line);
     fclose(fp);
     W_unlink(__func__, path);
+}
+
+void discard_keep_listed(pl_source *src) {
+    std::unordered_set<std::string_view> listed;
+    if (!src->discards.first)
+        return;
+    for (const pl_item *item = oldest_item(src); item; item = newer_item(item))
+        listed.insert(item->path);
+    drop_if(&src->discards, [&](const char *path) {
+        const char *below = path_below(src_data_dir(src), path);
+        return below && listed.contains(below);
+    });
 }

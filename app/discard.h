@@ -13,6 +13,8 @@
 bool is_discard_on();
 // Takes over the deletion of a file, given by its full path.
 void discard_file(pl_source *src, const char *path);
+// The name is in use again: what bears it stays.
+void discard_forget(pl_source *src, const char *path);
 // Deletes what is due: of one source, and of those that have expired.
 void discard_due(pl_source *src);
 void discard_orphans_due();
@@ -24,3 +26,5 @@ void discard_save(pl_source *src);
 void discard_end();
 // The source is new: takes up what an earlier daemon left to be deleted.
 void discard_resume(pl_source *src);
+// ... and has its list: what that names stays, since it may reach further back than the last one did.
+void discard_keep_listed(pl_source *src);

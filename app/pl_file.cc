@@ -1,5 +1,6 @@
 #include "app/pl_file.h"
 
+#include "app/discard.h"
 #include "app/pl_gzip.h"
 #include "app/pl_stretch.h"
 #include "app/pl_text.h"
@@ -146,6 +147,7 @@ int mk_lockfile(pl_task *task) {
         return -1;
     }
     forget_deletion(task->lpath);
+    discard_forget(task->src, task->lpath);
     // Neither the mask nor a file that lay there decides who may touch it.
     if (fchmod(task->lkfd, g_cfg.lock_mode) != 0)
         LOG_FN(LL_ERROR, "fchmod(%s, %04o) ERROR(%d): %s\n", task->lpath, g_cfg.lock_mode, errno,
@@ -178,6 +180,8 @@ static int publish(pl_task *task, const char *tmp, bool is_new) {
         return -1;
     }
     forget_deletion(task->fpath);
+    if (is_new)
+        discard_forget(task->src, task->fpath);
     LOG(LL_DEBUG, "%s: [%s] %s %s\n", "mk_playlist", task->fpath, task->is_gzipped ? "gzip" : "text",
         is_new ? "created" : "generated");
     return 0;

@@ -31,7 +31,7 @@ static_assert(sizeof(REFUSAL_NAMES) / sizeof(REFUSAL_NAMES[0]) == REFUSED_REASON
 // --- the text ---
 
 __attribute__((format(printf, 2, 3))) static void put(std::string *out, const char *format, ...) {
-    char line[512];
+    char line[5 * MAX_SRC_NAME + 256]; // five characters tell a byte of a name
     va_list args;
     va_start(args, format);
     int n = vsnprintf(line, sizeof(line), format, args);

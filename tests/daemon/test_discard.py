@@ -23,22 +23,31 @@ def test_files_outlive_their_listing(lumo):
     gone(d, leaving)
     assert time.monotonic() - began > KEEP - 1.1 and all(seg.exists() for seg in segs[2:])
 
-def test_deletions_survive_the_source_and_a_clean_end(lumo):
-    d = lumo(keep_retired_sec=KEEP, task_tmout_sec=1, src_tmout_sec=1)
-    src = d.source(params=f"max_sec=100 data_dir={d.data}")
-    segs = src.feed(12, dur=10.0)
-    pending = d.path("data", "chan", "chan.pending")
+def test_deletions_survive_the_source_and_a_clean_end(make):
+    """But for what the next daemon lists again, or makes under the same name."""
+    d = make(keep_retired_sec=KEEP, task_tmout_sec=1, src_tmout_sec=60).start(umask=0)
+    src = d.source(params=f"max_sec=100 data_dir={d.data}", start=int(time.time()) - 120)
+    segs = src.feed(10, dur=10.0)
+    vod = d.ask("T1 VOD chan").path
+    segs += src.feed(2, dur=10.0)
     d.stop()
+    pending, manifest = d.path("data", "chan", "chan.pending"), d.path("data", "chan", "chan.manifest_live")
+    assert os.stat(pending).st_mode & 0o777 == 0o644
     with open(pending, "a") as out:  # it is not believed blindly
-        out.write(f"0 ../lum.conf\nx\n{2**63} \n")
+        out.write(f"0 ../lum.conf\nx\n{2**63} \n0 {segs[5].path}")
+    with open(manifest, "w") as out:
+        out.writelines(f"{n}: {seg.line()}\n" for n, seg in enumerate(segs[1:]))
     d.start()
-    assert segs[0].exists() and segs[1].exists()
-    again = d.source(params=f"max_sec=100 data_dir={d.data}", start=src.next_start)
-    assert not os.path.exists(pending)
+    assert segs[0].exists()
+    again = d.source(params=f"max_sec=130 data_dir={d.data}", start=src.next_start)
+    assert not os.path.exists(pending) and d.ask("T1 VOD chan").path == vod
+    gone(d, [segs[0].full])
+    assert segs[1].exists() and segs[5].exists() and os.path.exists(vod) and os.path.exists(vod + ".alk")
     again.count = 50
-    late = again.feed(11, dur=10.0)
+    late = again.feed(4, dur=10.0)
+    d.write_config(src_tmout_sec=1)
     again.sock.close()
     d.wait_log(r"removed 1 source\(s\)", poke=True)
-    assert late[0].exists()
-    gone(d, [seg.full for seg in segs[:2] + late[:1]])
-    assert os.path.exists(d.conf) and all(seg.exists() for seg in late[1:])
+    assert segs[1].exists()
+    gone(d, [seg.full for seg in segs[1:3]])
+    assert os.path.exists(d.conf) and all(seg.exists() for seg in segs[3:] + late)
