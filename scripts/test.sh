@@ -11,7 +11,7 @@ export PYTHONDONTWRITEBYTECODE=1
 
 group_sources() {
     scripts/check-includes.sh
-    scripts/test-share.sh 36
+    scripts/test-share.sh 33
 }
 
 in_preset() {

@@ -1,7 +1,6 @@
 #include "common/rui.h"
 
 #include "lib/rqs.h"
-#include "lib/sigflag.h"
 #include "lib/timeop.h"
 #include "tests/capture.h"
 
@@ -17,7 +16,6 @@ struct request {
 
 // What the request family's callbacks did.
 int made;
-bool is_refusing;
 std::vector<int> removed;
 
 void defer(rui_rq_header *rq) {
@@ -28,8 +26,6 @@ void defer(rui_rq_header *rq) {
 }
 
 rui_rq_header *new_rq(int fd, rui_socket_ctx *srv, void *) {
-    if (is_refusing)
-        return nullptr;
     auto *rq = static_cast<request *>(calloc(1, sizeof(request)));
     rq->head.srv = srv;
     rq->head.fd = fd;
@@ -47,7 +43,7 @@ class Rui : public testing::Test {
   protected:
     void SetUp() override {
         descriptors = next_fd();
-        made = is_refusing = 0;
+        made = 0;
         removed.clear();
         rqs_config config{};
         ASSERT_EQ(rqs_init(&config), 0);
@@ -62,19 +58,11 @@ class Rui : public testing::Test {
         ASSERT_EQ(rui_ctx_init(&cfg, &ctx), 0);
     }
     void TearDown() override {
-        for (int fd : clients)
-            close(fd);
         rui_ctx_destroy(&ctx);
         rqs_destroy();
         timeop_set_loop_clock(nullptr);
-        g_quit = 0;
         EXPECT_EQ(static_cast<int>(removed.size()), made);
         EXPECT_EQ(next_fd(), descriptors);
-    }
-    int connect_client() {
-        clients.push_back(open_domain_client(cfg.user[0].domain_path, 1, 0));
-        EXPECT_GE(clients.back(), 0);
-        return clients.back();
     }
     // Queues requests on duplicates of one descriptor, from number `from` on.
     void queue(size_t count, int from = 0) {
@@ -85,12 +73,6 @@ class Rui : public testing::Test {
         close(pipes[0]);
         close(pipes[1]);
     }
-    // Whether a listener's descriptor is in the set of its type.
-    bool is_listed(int fd) {
-        const xvec &words = ctx.user_fds.words;
-        size_t word = static_cast<size_t>(fd) / 64;
-        return word < words.max_len && (*xvec_at<uint64_t>(words, word) >> (fd % 64) & 1);
-    }
     rui_rq_header *newest() { return dlep_as<rui_rq_header>(dlep_head(srv->requests)); }
     size_t queued() { return dlep_count(srv->requests); }
 
@@ -99,60 +81,8 @@ class Rui : public testing::Test {
     rui_cfg cfg{};
     rui_ctx ctx{};
     rui_socket_ctx *srv = &ctx.user[0];
-    std::vector<int> clients;
     int descriptors = 0;
 };
-
-TEST_F(Rui, ListenerLife) {
-    EXPECT_EQ(srv->sockfd, -1);
-    rui_stop_listener(srv); // nothing to stop
-    EXPECT_FALSE(srv->deferred);
-    ASSERT_EQ(rui_ctx_start(&ctx), 0);
-    queue(1);
-    int fd = srv->sockfd;
-    EXPECT_TRUE(is_listed(fd));
-    rui_stop_listener(srv);
-    EXPECT_FALSE(is_listed(fd));
-    EXPECT_TRUE(srv->deferred);
-    EXPECT_EQ(srv->sockfd, -1);
-    EXPECT_EQ(rqs_fd_count(RQS_POLL_FDS), 2u);           // the other listener and the request
-    ASSERT_EQ(rui_start_listener(&cfg.user[0], srv), 0); // the path it left is taken over
-    EXPECT_TRUE(is_listed(srv->sockfd) && !srv->deferred);
-    connect_client();
-    EXPECT_EQ(rui_accept(srv, 64, 0, nullptr), 0);
-    stop_listeners(ctx.user, false);
-    EXPECT_EQ(ctx.user[1].sockfd, -1);
-    EXPECT_EQ(queued(), 2u);
-    snprintf(cfg.user[0].domain_path, sizeof(cfg.user[0].domain_path), "%s", (dir / "none/s").c_str());
-    fd = next_fd();
-    EXPECT_EQ(rui_enable_listeners(ctx.user), -1);
-    EXPECT_EQ(srv->sockfd, -1);
-    EXPECT_EQ(next_fd(), fd);
-}
-
-TEST_F(Rui, AcceptsAtMostSoManyAtOnce) {
-    ASSERT_EQ(rui_ctx_start(&ctx), 0);
-    for (int i = 0; i < 3; ++i)
-        connect_client();
-    g_quit = 1;
-    EXPECT_EQ(rui_accept(srv, 64, 0, nullptr), 0);
-    EXPECT_EQ(queued(), 0u);
-    g_quit = 0;
-    EXPECT_EQ(rui_accept(srv, 2, 0, nullptr), 0);
-    EXPECT_EQ(queued(), 2u);
-    EXPECT_TRUE(log.has("CANNOT ACCEPT ALL (accepted=2), max=2\n"));
-    EXPECT_TRUE(is_non_blocking(newest()->fd));
-    // A connection that nobody wants does not keep the next from being taken, but counts as a try.
-    is_refusing = true;
-    connect_client();
-    EXPECT_EQ(rui_accept(srv, 1, 0, nullptr), 0);
-    char c;
-    EXPECT_EQ(recv(clients[3], &c, 1, MSG_DONTWAIT), -1);
-    EXPECT_EQ(rui_accept(srv, 2, 0, nullptr), 0);
-    EXPECT_EQ(queued(), 2u);
-    for (int i : {2, 3})
-        EXPECT_EQ(read(clients[i], &c, 1), 0); // closed
-}
 
 TEST_F(Rui, BackPressure) {
     queue(74);

@@ -3,9 +3,7 @@
 #include "lib/syswrap.h"
 #include "tests/capture.h"
 
-#include <cerrno>
 #include <sys/stat.h>
-#include <sys/un.h>
 
 namespace fs = std::filesystem;
 
@@ -18,20 +16,6 @@ class Netops : public ::testing::Test {
     TempDir dir;
     int first_free = -1;
 };
-
-static sockaddr *sa(sockaddr_storage &addr) {
-    return reinterpret_cast<sockaddr *>(&addr);
-}
-
-static sockaddr_storage numeric(const char *host, const char *port) {
-    sockaddr_storage out{};
-    addrinfo hints{}, *list = nullptr;
-    hints.ai_flags = AI_NUMERICHOST;
-    EXPECT_EQ(getaddrinfo(host, port, &hints, &list), 0) << host;
-    memcpy(&out, list->ai_addr, list->ai_addrlen);
-    freeaddrinfo(list);
-    return out;
-}
 
 TEST_F(Netops, DomainListenerReplacesWhatStandsAtItsPath) {
     std::string at = dir / std::string(103 - dir.path.size() - 1, 's');
@@ -59,28 +43,4 @@ TEST_F(Netops, DomainListenerReplacesWhatStandsAtItsPath) {
     EXPECT_TRUE(fs::is_regular_file(other));
     EXPECT_EQ(open_domain_client((other + "y").c_str(), 1, 0), -1);
     EXPECT_TRUE(log.has("(108 bytes)"));
-}
-
-TEST_F(Netops, AddressTexts) {
-    std::string too_long = "localhost" + std::string(116, '.') + ":80";
-    const std::pair<const char *, int> refused[] = {
-        {"12345:80", EINVAL},    {"a.b:80", EINVAL},    {"::1:80", EINVAL},
-        {"localhost:http", -1},  {"localhost:", -1},    {"localhost", -1},
-        {"localhost:65536", -1}, {"localhost:-80", -1}, {too_long.c_str(), -1}};
-    sockaddr_storage addr{};
-    socklen_t len = 7;
-    for (const auto &[text, rc] : refused)
-        EXPECT_EQ(mk_sockaddr(text, SOCK_STREAM, 0, &addr, &len), rc) << text;
-    EXPECT_EQ(len, 7u) << "untouched";
-    char buf[SADDR_STR_SIZE];
-    ASSERT_EQ(mk_sockaddr("1.2.3.4:65535", SOCK_STREAM, 0, &addr, &len), 0) << "the shortest host";
-    EXPECT_STREQ(saddr_str(sa(addr), len, buf, sizeof(buf)), "1.2.3.4:65535");
-    EXPECT_STREQ(saddr_str(sa(addr), len, buf, 8), "1.2.3.4");
-    sockaddr_storage v6 = numeric("2001:db8::1", "9");
-    EXPECT_STREQ(saddr_str(sa(v6), sizeof(sockaddr_in6), buf, sizeof(buf)), "[2001:db8::1]:9");
-    sockaddr_un un{AF_UNIX, "/run/x"};
-    auto *unix_addr = reinterpret_cast<sockaddr *>(&un);
-    EXPECT_STREQ(saddr_str(unix_addr, sizeof(sa_family_t), buf, sizeof(buf)), "DOMAIN :") << "unnamed peer";
-    memset(un.sun_path, 'p', sizeof(un.sun_path)); // not terminated
-    EXPECT_EQ(saddr_str(unix_addr, sizeof(un), buf, sizeof(buf)), "DOMAIN " + std::string(108, 'p') + ":");
 }

@@ -6,7 +6,6 @@
 
 #include <functional>
 #include <utility>
-#include <vector>
 
 namespace {
 
@@ -139,67 +138,22 @@ TEST_F(Rqs, StagesOfAPassAndWhatEndsIt) {
         ASSERT_EQ(rqs_add_reader(p.rd, &p), 0);
         p.fill();
     }
-    ssize_t slot;
-    rqs_add_nopoll_writer(99, &slot, nullptr);
-    // Once before the first pass, then: time-out, wait, time-outs, no-poll, events, post, idle, post.
+    // Once before the first pass, then: time-out, wait, time-outs, events, post, idle, post.
     EXPECT_EQ(run(2), -7);
-    EXPECT_EQ(g_script.trace, "UUTwrrrpipUTwrrrpi");
+    EXPECT_EQ(g_script.trace, "UUTrrrpipUTrrrpi");
     for (const auto &[failing, rc] : {std::pair(2, 1), {5, 2}, {7, 3}}) { // bits of the pipes that fail
         g_script.on_event = [&](const char *, long, int, void *udata) {
-            return udata && failing >> (static_cast<Pipe *>(udata) - pipes) & 1 ? -5 : 0;
+            return failing >> (static_cast<Pipe *>(udata) - pipes) & 1 ? -5 : 0;
         };
         EXPECT_EQ(run(2), rc);
-        EXPECT_EQ(g_script.trace, "UUTwrrrp");
+        EXPECT_EQ(g_script.trace, "UUTrrrp");
     }
     g_script.on_event = nullptr;
     g_script.on_post = [] { return g_script.trace.ends_with("ip") ? 9 : 0; };
     EXPECT_EQ(run(2), 9);
     g_script.on_post = nullptr;
-    g_script.on_event = [](const char *kind, long, int, void *) { return kind[0] == 'w' ? -3 : 0; };
-    EXPECT_EQ(run(2), -3);
-    EXPECT_EQ(g_script.trace, "UUTw"); // a failing no-poll record ends it at once
     start(1);
     EXPECT_EQ(run(3), 0) << "told to quit with nothing left to do";
-}
-
-TEST_F(Rqs, NopollRecordsAreServedWithoutWaiting) {
-    ssize_t slots[4] = {};
-    std::string seen;
-    g_script.tmout = {-1, 0}; // the wait would not end
-    g_script.on_event = [&](const char *kind, long word, int, void *udata) {
-        seen += kind[0] + std::to_string(word);
-        auto i = static_cast<ssize_t *>(udata) - slots;
-        if (i == 0) { // defers its own removal and takes the next one out at once
-            rqs_pprm_nopoll(slots[0]);
-            rqs_rm_nopoll(slots[1]);
-            EXPECT_EQ(slots[1], -1);
-        }
-        if (i == 2 && seen.size() < 10)
-            rqs_add_nopoll_reader(13, &slots[3], &slots[3]); // grown while it is walked
-        return 0;
-    };
-    for (long i = 0; i < 3; ++i)
-        ASSERT_EQ(rqs_add_nopoll_reader(static_cast<int>(10 + i), &slots[i], &slots[i]), 0);
-    EXPECT_EQ(run(2), -7);
-    // The freed slot 1 is behind the walk when it is taken again.
-    EXPECT_EQ(seen, "r10r12r13r12");
-    EXPECT_EQ(slots[0], -1);
-    EXPECT_EQ(slots[3], 1);
-    std::vector<ssize_t> many(100);
-    for (ssize_t &slot : many)
-        rqs_add_nopoll_reader(1, &slot, &slot);
-    // Deferred in the last step of a pass, a removal is done before it ends.
-    g_script.on_event = nullptr;
-    g_script.on_post = [&] { return g_script.trace.ends_with("ip") ? (rqs_pprm_nopoll(many[7]), 0) : 0; };
-    EXPECT_EQ(run(2), -7);
-    EXPECT_EQ(many[7], -1);
-    g_script.on_post = nullptr;
-    g_script.on_event = [](const char *, long, int, void *udata) {
-        rqs_pprm_nopoll(*static_cast<ssize_t *>(udata));
-        return 0;
-    };
-    EXPECT_EQ(run(), -7);
-    EXPECT_EQ(rqs_fd_count(RQS_NOPOLL_FDS), 0u);
 }
 
 TEST_F(Rqs, SignalsDuringTheWait) {
@@ -236,25 +190,18 @@ TEST_F(Rqs, SignalsDuringTheWait) {
     EXPECT_EQ(passes, 2);
     g_script.on_post = nullptr;
 
-    // Events, then no-poll records, that never let the wait sleep.
-    ssize_t slot;
-    for (bool is_nopoll : {false, true}) {
-        start(0);
-        if (is_nopoll) {
-            rqs_add_nopoll_reader(5, &slot, nullptr);
-        } else {
-            rqs_add_reader(busy.rd, &busy);
-            busy.fill();
-        }
-        g_hup = 0;
-        timespec begin = rqs_now();
-        bool is_raised = false;
-        g_script.on_idle = [&] { return g_hup ? -7 : timed_out(begin, {10, 0}) ? -8 : 0; };
-        g_script.on_event = [&](const char *, long, int, void *) {
-            return is_raised ? 0 : (is_raised = true, raise(SIGHUP));
-        };
-        EXPECT_EQ(rqs_event_loop(), -7) << "is_nopoll " << is_nopoll;
-    }
+    // Events that never let the wait sleep.
+    start(0);
+    rqs_add_reader(busy.rd, &busy);
+    busy.fill();
+    g_hup = 0;
+    timespec begin = rqs_now();
+    bool is_raised = false;
+    g_script.on_idle = [&] { return g_hup ? -7 : timed_out(begin, {10, 0}) ? -8 : 0; };
+    g_script.on_event = [&](const char *, long, int, void *) {
+        return is_raised ? 0 : (is_raised = true, raise(SIGHUP));
+    };
+    EXPECT_EQ(rqs_event_loop(), -7);
     g_hup = 0;
 
     // A quit signal ends it with 0.
