@@ -11,6 +11,8 @@ import time
 import urllib.error
 import urllib.request
 
+from air import until
+
 FLAGS = ["--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--disable-quic", "--no-first-run",
          "--disable-background-networking", "--disable-component-update", "--disable-sync", "--mute-audio",
          "--disable-background-timer-throttling", "--disable-renderer-backgrounding",
@@ -26,7 +28,7 @@ class Browser:
                                        env=dict(os.environ, HOME=self.profile, TMPDIR=self.profile))
         self.session = None
         try:
-            self.base = f"http://127.0.0.1:{self.wait(self.driver_port, START_LIMIT)}/session"
+            self.base = f"http://127.0.0.1:{until(self.driver_port, 'the browser', START_LIMIT)}/session"
             options = {"args": [*FLAGS, f"--window-size={width},{height}", f"--user-data-dir={self.profile}/user"]}
             made = self.call("POST", "", {"capabilities": {"alwaysMatch": {
                 "browserName": "chrome", "goog:chromeOptions": options, "goog:loggingPrefs": {"browser": "ALL"}}}})
@@ -72,17 +74,6 @@ class Browser:
         return [entry["message"] for entry in self.call("POST", "/se/log", {"type": "browser"})
                 if entry["level"] == "SEVERE"]
 
-    @staticmethod
-    def wait(check, limit, what="the browser"):
-        end = time.monotonic() + limit
-        while True:
-            value = check()
-            if value:
-                return value
-            if time.monotonic() > end:
-                raise AssertionError(f"waited {limit} s in vain for {what}")
-            time.sleep(0.05)
-
     def close(self):
         try:
             if self.session:
@@ -101,13 +92,13 @@ class Browser:
                         " segment: window.lumoSegment || '',"
                         " date: hls && hls.playingDate ? hls.playingDate.getTime() / 1000 : null}")
 
-    def watch(self, seconds, until=None):
-        """Looks on while the video plays, for that long or until `until(state)` holds: how far it came and
+    def watch(self, seconds, end=None):
+        """Looks on while the video plays, for that long or until `end(state)` holds: how far it came and
         the longest time that its picture stood still, in seconds, and the last state."""
         begun = moved = time.monotonic()
         first = last = self.video()
         stall = 0.0
-        while time.monotonic() - begun < seconds and not (until and until(last)):
+        while time.monotonic() - begun < seconds and not (end and end(last)):
             time.sleep(0.2)
             now = self.video()
             if now["at"] != last["at"] and now["frames"] != last["frames"]:

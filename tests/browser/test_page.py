@@ -10,7 +10,7 @@ import pytest
 sys.dont_write_bytecode = True
 sys.path.insert(0, os.path.dirname(__file__))
 
-from air import FEEDER, Air  # noqa: E402
+from air import FEEDER, Air, until  # noqa: E402
 from browser import Browser  # noqa: E402
 
 SHOTS = pathlib.Path(os.environ.get("LUMO_SHOTS", "build/shots"))
@@ -32,7 +32,7 @@ def browser():
 
 def starts(browser, limit=15):
     """Waits until the picture moves."""
-    _, _, state = browser.watch(limit, until=lambda state: state["frames"] > 5 and state["ready"] >= 3)
+    _, _, state = browser.watch(limit, end=lambda state: state["frames"] > 5 and state["ready"] >= 3)
     assert state["frames"] > 5, (state, browser.errors(), browser.console())
 
 def plays(browser, seconds):
@@ -43,8 +43,7 @@ def test_page_plays_live_back_and_across_a_killed_producer(air, browser):
     air.start_producer("main")
     air.wait_recording()
     browser.open(air.url)
-    browser.wait(lambda: browser.run("return document.querySelectorAll('#channels .state-live').length") == 1, 10,
-                 "the channel in the list")
+    until(lambda: browser.run("return document.querySelectorAll('#channels .state-live').length") == 1, "the channel")
     browser.resize(390, 844)
     browser.screenshot(SHOTS / "list-phone.png")
     browser.resize(1280, 900)
@@ -63,7 +62,7 @@ def test_page_plays_live_back_and_across_a_killed_producer(air, browser):
     air.start_producer("backup")
     air.wait_segments(air.segments() + 2)
     air.kill_producer("main")
-    _, _, state = browser.watch(40, until=lambda state: "backup" in state["segment"])
+    _, _, state = browser.watch(40, end=lambda state: "backup" in state["segment"])
     assert "main" in live and "backup" in state["segment"], (state, browser.errors())
     plays(browser, 5)
     browser.resize(390, 844)

@@ -16,7 +16,7 @@ def test_player_goes_on(air, browser):  # noqa: F811
 
     def comes(role, limit=40):
         """Plays on until a segment of that producer is in the picture."""
-        _, stall, state = browser.watch(limit, until=lambda state: f"{role}-" in state["segment"])
+        _, stall, state = browser.watch(limit, end=lambda state: f"{role}-" in state["segment"])
         assert f"{role}-" in state["segment"], (state, browser.errors())
         return stall
 

@@ -43,6 +43,10 @@ def merged(base, extra):
         out[key] = merged(out[key], value) if both else value
     return out
 
+def free_port():
+    with socket.create_server(("127.0.0.1", 0)) as probe:
+        return probe.getsockname()[1]
+
 def connect(path):
     sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
     sock.connect(path)  # blocking: waits while the queue of pending connections is full

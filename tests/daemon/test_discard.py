@@ -4,7 +4,10 @@ import time
 
 from harness import until
 
-KEEP = 3
+KEEP = 5
+
+def is_early(began):
+    return time.monotonic() - began < KEEP - 1.1  # whole seconds
 
 def gone(d, paths):
     until(lambda: not any(map(os.path.exists, paths)), "the files to go", poke=d.poke)
@@ -19,9 +22,8 @@ def test_files_outlive_their_listing(lumo):
     segs += src.feed(2, dur=10.0)
     assert d.ask(f"T1 EVE chan {segs[0].start} 25").error == (404, "no data for the event")
     leaving = [seg.full for seg in segs[:2]] + lists + [path + ".alk" for path in lists]
-    assert all(map(os.path.exists, leaving))
     gone(d, leaving)
-    assert time.monotonic() - began > KEEP - 1.1 and all(seg.exists() for seg in segs[2:])
+    assert not is_early(began) and all(seg.exists() for seg in segs[2:])
 
 def test_deletions_survive_the_source_and_a_clean_end(make):
     """But for what the next daemon lists again, or makes under the same name."""
@@ -29,6 +31,7 @@ def test_deletions_survive_the_source_and_a_clean_end(make):
     src = d.source(params=f"max_sec=100 data_dir={d.data}", start=int(time.time()) - 120)
     segs = src.feed(10, dur=10.0)
     vod = d.ask("T1 VOD chan").path
+    began = time.monotonic()
     segs += src.feed(2, dur=10.0)
     d.stop()
     pending, manifest = d.path("data", "chan", "chan.pending"), d.path("data", "chan", "chan.manifest_live")
@@ -38,16 +41,17 @@ def test_deletions_survive_the_source_and_a_clean_end(make):
     with open(manifest, "w") as out:
         out.writelines(f"{n}: {seg.line()}\n" for n, seg in enumerate(segs[1:]))
     d.start()
-    assert segs[0].exists()
+    assert segs[0].exists() or not is_early(began)
     again = d.source(params=f"max_sec=130 data_dir={d.data}", start=src.next_start)
     assert not os.path.exists(pending) and d.ask("T1 VOD chan").path == vod
     gone(d, [segs[0].full])
     assert segs[1].exists() and segs[5].exists() and os.path.exists(vod) and os.path.exists(vod + ".alk")
     again.count = 50
+    began = time.monotonic()
     late = again.feed(4, dur=10.0)
     d.write_config(src_tmout_sec=1)
     again.sock.close()
     d.wait_log(r"removed 1 source\(s\)", poke=True)
-    assert segs[1].exists()
     gone(d, [seg.full for seg in segs[1:3]])
+    assert not is_early(began)
     assert os.path.exists(d.conf) and all(seg.exists() for seg in segs[3:] + late)

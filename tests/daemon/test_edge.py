@@ -4,25 +4,20 @@ import concurrent.futures
 import os
 import re
 import shutil
-import socket
 import subprocess
 import time
 
 import pytest
 
-from harness import LIMIT, until
+from harness import free_port, until
 from test_web import WEB, Web, playlist
 
 NGINX = shutil.which("nginx", path=os.environ["PATH"] + ":/usr/sbin")
 SITE = os.path.join(os.path.dirname(__file__), "../../etc/nginx-lumo.conf")
 pytestmark = pytest.mark.skipif(not (WEB and NGINX), reason="without the front end or nginx")
 
-def free_port():
-    with socket.create_server(("127.0.0.1", 0)) as probe:
-        return probe.getsockname()[1]
-
 class Edge:
-    ask, status, raw = Web.ask, Web.status, Web.raw
+    ask, status, raw, is_up, close = Web.ask, Web.status, Web.raw, Web.is_up, Web.close
 
     def __init__(self, root, origins, data):
         self.port, self.accel_port = free_port(), free_port()
@@ -39,17 +34,10 @@ class Edge:
         user = "user root;" if os.geteuid() == 0 else ""
         conf.write_text(f"{user} pid {root}/pid; daemon off; error_log {root}/error.log; worker_processes 1;"
                         f"events {{ worker_connections 2048; }} http {{ access_log off; {temps}\n{site}\n}}")
-        self.proc = subprocess.Popen([NGINX, "-p", root, "-c", conf], stderr=open(root / "start.log", "wb"))
+        self.errors = root / "start.log"
+        with open(self.errors, "wb") as err:
+            self.proc = subprocess.Popen([NGINX, "-p", root, "-c", conf], stderr=err)
         until(self.is_up, "nginx")
-
-    def is_up(self):
-        assert self.proc.poll() is None, "nginx does not start"
-        with socket.socket() as sock:
-            return sock.connect_ex(("127.0.0.1", self.port)) == 0
-
-    def close(self):
-        self.proc.terminate()
-        self.proc.wait(LIMIT)
 
 @pytest.fixture
 def edge(lumo, tmp_path, request):
@@ -83,18 +71,19 @@ def test_channels_are_spread_and_cached(edge):
         until(lambda: edge.status(f"/{name}/live.m3u8") == 200, "the playlist through the edge")
         assert edge.ask(f"/{name}/live.m3u8").headers["X-Lumo-Origin"] in (homes[name], None)
         assert len(playlist(edge.ask(f"/{name}/vod.m3u8").body)) == 8
-    # Two hundred viewers for two seconds: the origin sees a handful of requests.
+    # Fifty viewers for two seconds: the origin sees two requests a second.
     name, origin = chosen[0], origins[list(ports).index(homes[chosen[0]])]
     def answered():
         text = origin.ask("/metrics").body.decode()
         return int(re.search(r'responses_total\{route="live",class="2xx"\} (\d+)', text)[1])
-    before, end = answered(), time.monotonic() + 2
+    before, begun = answered(), time.monotonic()
     def watch(_):
-        return [edge.status(f"/{name}/live.m3u8") for _ in iter(lambda: time.monotonic() < end, False)]
+        return [edge.status(f"/{name}/live.m3u8") for _ in iter(lambda: time.monotonic() < begun + 2, False)]
     with concurrent.futures.ThreadPoolExecutor(50) as crowd:
         results = [status for one in crowd.map(watch, range(50)) for status in one]
-    assert set(results) == {200} and len(results) > 100
-    assert 3 <= answered() - before <= 7
+    asked = answered() - before
+    assert 1 <= asked <= 3 + 2 * (time.monotonic() - begun)
+    assert set(results) == {200} and len(results) > 4 * asked
     # A segment comes once, whatever is asked of it.
     path = f"/{name}/{segs[name][0].path}"
     os.utime(segs[name][0].full, (1e9, 1e9))

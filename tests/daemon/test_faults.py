@@ -7,7 +7,7 @@ import time
 
 import pytest
 
-from harness import at_end, connect, names, until
+from harness import LIMIT, at_end, connect, names, until
 
 KINDS = ("LIV chan", "VOD chan", "EVE chan -600 0", "EVE chan {start} 5", "EVE chan {start} 100000 peer=p")
 
@@ -79,7 +79,7 @@ def test_out_of_descriptors(make):
     used = _cpu(d.pid)
     src.feed(1)
     open_ones = [sock for sock in socks if not at_end(sock, limit=0)]
-    open_ones[0].settimeout(10)
+    open_ones[0].settimeout(LIMIT)
     open_ones[0].sendall(b"T1 EVE chan -600 0\nT2")
     assert open_ones[0].recv(4096).startswith(b"T1 ")
     late = connect(d.src_sock)
@@ -135,8 +135,8 @@ def test_signals_during_uninterrupted_traffic(lumo):
         until(lambda: d.all_text().count(text) > before, f"[{text}]", poke=lambda: time.sleep(0.02))
     until(lambda: min(counts["lines"], counts["answers"]) > 20, "the traffic to go on")
     d.proc.send_signal(signal.SIGTERM)
-    assert d.proc.wait(10) == 0
+    assert d.proc.wait(LIMIT) == 0
     ends.set()
     d.stop()
     for thread in threads:
-        thread.join(10)
+        thread.join(LIMIT)

@@ -26,7 +26,7 @@ class Channel:
     def __init__(self, d, max_sec=300):
         self.d, self.stream, self.followers, self.texts = d, {}, {}, []
         self.params = f"max_sec={max_sec} data_dir={d.data} target_sec=12"
-        self.begin = int(time.time()) - 120
+        self.begin = int(time.time()) - 105  # the feed is ahead of the clock
         self.src = d.source(params=self.params, start=self.begin)
 
     def feed(self, count):

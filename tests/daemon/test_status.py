@@ -2,6 +2,7 @@
 import os
 import re
 import subprocess
+import time
 
 import pytest
 
@@ -64,18 +65,19 @@ def test_an_idle_daemon_writes_and_a_reload_ends_it(watched):
     d.write_config(status_file=d.path("later", "status"))
     d.launch()
     d.wait_log(r"later/status\] cannot be written, ERROR\(2\)")
-    passes = []
+    passes, begun = [], time.monotonic()
     os.mkdir(d.path("later"))
     for _ in range(2):  # nobody speaks to it
         os.path.exists(d.settings["status_file"]) and os.unlink(d.settings["status_file"])
         until(lambda: os.path.exists(d.settings["status_file"]), "the file")
         passes.append(read(d)["lumo_loop_passes_total"])
-    assert passes[0] < passes[1] <= passes[0] + 4
+    assert passes[0] < passes[1] <= passes[0] + 4 + 2 * (time.monotonic() - begun)
     assert d.log_text().count("cannot be written") == d.log_text().count("is written again") == 1
-    assert os.stat(d.settings["status_file"]).st_mode & 0o777 == 0o644 and len(os.listdir(d.path("later"))) == 1
+    assert os.stat(d.settings["status_file"]).st_mode & 0o777 == 0o644
     d.write_config(status_file="")
     d.proc.send_signal(1)
     d.wait_log("Configuration reloaded")
+    assert os.listdir(d.path("later")) == ["status"]
     os.unlink(d.path("later", "status"))
     with pytest.raises(AssertionError):
         until(lambda: os.listdir(d.path("later")), limit=2.5)

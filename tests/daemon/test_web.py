@@ -13,15 +13,14 @@ import time
 
 import pytest
 
-from harness import BAD_WORDS, LIMIT, until
+from harness import BAD_WORDS, LIMIT, free_port, until
 
 WEB = os.environ.get("LUMO_WEB_BIN", "")
 pytestmark = pytest.mark.skipif(not WEB, reason="built without the front end")
 
 class Web:
     def __init__(self, dir, data, pl_sock, *args):
-        with socket.create_server(("127.0.0.1", 0)) as probe:
-            self.port = probe.getsockname()[1]
+        self.port = free_port()
         self.errors = os.path.join(dir, "web.err")
         with open(self.errors, "ab") as err:
             self.proc = subprocess.Popen([WEB, "-d", data, "-Y", pl_sock, "-p", str(self.port), *args], stderr=err,
@@ -150,10 +149,9 @@ def test_locks_are_touched_while_watched(lumo, web):
     w = web(d.dir, d.data, d.pl_sock)
     w.ask("/chan/live.m3u8")
     lock, = d.files("*.alk")
-    begun = os.stat(lock).st_ino
-    end = time.monotonic() + 8
-    until(lambda: w.status("/chan/live.m3u8") != 200 or time.monotonic() > end, poke=lambda: time.sleep(0.1))
-    assert os.stat(lock).st_ino == begun and 4 <= w.metric("lumo_web_touches_total") <= 9
+    node, begun = os.stat(lock).st_ino, time.monotonic()
+    until(lambda: w.status("/chan/live.m3u8") != 200 or w.metric("lumo_web_touches_total") > 6)
+    assert os.stat(lock).st_ino == node and time.monotonic() - begun > 5, "longer than one that nobody watches lives"
     until(lambda: not os.path.exists(lock), "the silent playlist to go", poke=d.poke)
     assert w.status("/chan/live.m3u8") == 200
 
@@ -197,6 +195,7 @@ def test_files(chan):
     url, data = "/" + segs[0].path, bytes(range(256)) * 4
     with open(segs[0].full, "wb") as out:
         out.write(data)
+    os.utime(segs[0].full, (time.time() + LIMIT,) * 2)
     assert w.ask(url).headers["Cache-Control"] == "public, max-age=2", "it may still be growing"
     os.utime(segs[0].full, (1e9, 1e9))
     until(lambda: w.ask(url).headers["Cache-Control"] == "public, max-age=86400, immutable", "the next look at the file")
@@ -279,11 +278,11 @@ def test_crowds_and_bad_connections(chan):
     idle = [w.raw() for _ in range(1000)]
     halves = [w.raw(data) for data in (b"GET /chan/li", b"GET /chan/live.m3u8 HTTP/1.1\r\nHost: x\r\n", b"\r\n\r\n", b"\0\0\0",
                                        b"GET / HTTP/9.9\r\n\r\n", b"POST /chan/live.m3u8 HTTP/1.1\r\nContent-Length: 99\r\n\r\nx")]
-    before, counts, stop = w.metric("lumo_web_questions_total"), [], time.monotonic() + 3
+    before, counts, begun = w.metric("lumo_web_questions_total"), [], time.monotonic()
     def watch():
         conn = http.client.HTTPConnection("127.0.0.1", w.port, timeout=LIMIT)
         n = 0
-        while time.monotonic() < stop:
+        for _ in range(10):
             conn.request("GET", "/chan/live.m3u8")
             answer = conn.getresponse()
             answer.read()
@@ -295,8 +294,8 @@ def test_crowds_and_bad_connections(chan):
         one.start()
     for one in crowd:
         one.join()
-    assert len(counts) == 200 and min(counts) >= 3
-    assert 1 <= w.metric("lumo_web_questions_total") - before <= 8
+    assert counts == [10] * 200
+    assert 1 <= w.metric("lumo_web_questions_total") - before <= 2 + 2 * (time.monotonic() - begun)
     assert w.metric("lumo_web_connections") >= 1000
     for sock in idle + halves:
         sock.close()
@@ -316,8 +315,9 @@ def test_trickling_connections_are_closed(fake):
             return True
     until(is_closed, "the end of the slow request", poke=lambda: time.sleep(0.1))
 
-def test_daemon_that_stops_hangs_and_comes_back(chan):
-    d, src, segs, w = chan
+def test_daemon_that_stops_hangs_and_comes_back(chan, web):
+    d, src, segs, _ = chan
+    w = web(d.dir, d.data, d.pl_sock, "--grace", "90")
     assert w.status("/healthz") == w.status("/chan/live.m3u8") == 200
     os.kill(d.pid, signal.SIGSTOP)
     try:
@@ -325,7 +325,7 @@ def test_daemon_that_stops_hangs_and_comes_back(chan):
         waiting = w.raw(b"GET /other/live.m3u8 HTTP/1.1\r\nHost: x\r\n\r\n")
         while time.monotonic() - begun < 1:
             assert w.status("/" + segs[0].path) == 200, "files go on meanwhile"
-        assert waiting.recv(12) == b"HTTP/1.1 504" and time.monotonic() - begun < 5
+        assert waiting.recv(12) == b"HTTP/1.1 504"
         assert w.status("/chan/live.m3u8") == 200, "its viewers keep what they have for a while"
     finally:
         os.kill(d.pid, signal.SIGCONT)
@@ -347,7 +347,7 @@ def test_daemon_that_stops_hangs_and_comes_back(chan):
 def test_answers(fake, tmp_path, answer, status, text):
     (tmp_path / "p.m3u8").write_text("#EXTM3U\n")
     (tmp_path / "link").symlink_to("p.m3u8")
-    d, w = fake(lambda line: answer and answer.format(tmp_path), "--answer-tmout", "300")
+    d, w = fake(lambda line: answer and answer.format(tmp_path), *(["--answer-tmout", "300"] if answer is None else []))
     got = w.ask("/chan/live.m3u8")
     assert got.status == status and text in got.body.decode() and got.headers["Cache-Control"] == "no-store"
     assert len(d.lines) == (2 if text == "is gone" else 1)
