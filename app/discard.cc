@@ -199,13 +199,14 @@ void discard_resume(pl_source *src) {
 }
 
 void discard_keep_listed(pl_source *src) {
-    std::unordered_set<std::string_view> listed;
-    if (!src->discards.first)
+    if (!src->discards.first && !g_orphans.first)
         return;
+    std::unordered_set<std::string_view> listed;
     for (const pl_item *item = oldest_item(src); item; item = newer_item(item))
         listed.insert(item->path);
-    drop_if(&src->discards, [&](const char *path) {
-        const char *below = path_below(src_data_dir(src), path);
-        return below && listed.contains(below);
-    });
+    for (discard_queue *queue : {&src->discards, &g_orphans})
+        drop_if(queue, [&](const char *path) {
+            const char *below = path_below(src_data_dir(src), path);
+            return below && listed.contains(below);
+        });
 }

@@ -217,11 +217,6 @@ static void put_break(text_sink *out) {
     sink_printf(out, "#EXT-X-DISCONTINUITY\n");
 }
 
-bool follows_break(const pl_item *segment) {
-    const pl_item *older = older_item(segment);
-    return older && !is_segment(older);
-}
-
 static void put_breaks_before(text_sink *out, const pl_item *segment) {
     if (!follows_break(segment))
         return;

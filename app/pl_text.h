@@ -72,7 +72,6 @@ void put_end(text_sink *out, const pl_task *task, const pl_totals &totals);
 time_t item_end_time(const pl_item *item);
 // Whole seconds of the next newer item, 0 when there is none.
 long next_item_sec(const pl_item *item);
-bool follows_break(const pl_item *segment);
 // Adds an item to a span.
 void span_item(text_span *span, const pl_item *item);
 // The latest end of an event that ends with this item, or before the next one does; Unix seconds.

@@ -360,6 +360,10 @@ inline const char *src_data_dir(const pl_source *src) {
 inline bool is_segment(const pl_item *item) {
     return item->le.tag.num == PL_SEG;
 }
+inline bool follows_break(const pl_item *segment) {
+    const pl_item *older = older_item(segment);
+    return older && !is_segment(older);
+}
 // How many discontinuity markers of the source's life stand before the item, retired ones included; a marker
 // does not count itself.
 inline uint32_t item_breaks(const pl_item *item) {

@@ -93,11 +93,6 @@ static void report_failure(pl_source *src, const char *path) {
         path, errno, strerror(errno));
 }
 
-static bool is_behind_break(const pl_item *item) {
-    const pl_item *older = older_item(item);
-    return older && !is_segment(older);
-}
-
 static bool write_anchor(pl_source *src, const pl_item *item) {
     seq_path path;
     seq_path tmp;
@@ -105,7 +100,7 @@ static bool write_anchor(pl_source *src, const pl_item *item) {
     if (!mk_path(src, "", path) || !mk_path(src, ".tmp", tmp))
         return false;
     int len = snprintf(text, sizeof(text), "%s %zu %u%s\n", item->path, item->mseq, item_breaks(item),
-                       is_behind_break(item) ? BEHIND_BREAK : "");
+                       follows_break(item) ? BEHIND_BREAK : "");
     if (write_text(tmp, text, static_cast<size_t>(len)) && rename(tmp, path) == 0)
         return true;
     report_failure(src, path);
@@ -121,7 +116,7 @@ void seq_keep(pl_source *src) {
         item = older_item(item);
     if (!item)
         return;
-    bool is_wanted = !src->seq_item || (is_behind_break(item) && src->seq_item != item);
+    bool is_wanted = !src->seq_item || (follows_break(item) && src->seq_item != item);
     if (is_wanted && write_anchor(src, item))
         src->seq_item = item;
 }

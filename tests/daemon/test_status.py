@@ -30,6 +30,7 @@ def test_what_the_daemon_counts(watched):
     segs = src.feed(3, dur=40.0)
     src.cut()
     src.send("nonsense\n" + segs[0].line(size=1) + "\n")
+    d.source("~" + 60 * "é")
     main, backup = d.source("main"), d.source("~main")
     main.feed(1)
     main.close()
