@@ -6,7 +6,7 @@
 
 #include <cstddef>
 
-inline constexpr size_t SLAB_SIZE = 1024 * 1024; // address space; pages count once they are touched
+inline constexpr size_t SLAB_SIZE = 64 * 1024; // what a queue holds beyond its living pieces, at most
 
 struct slab;
 
