@@ -1,6 +1,7 @@
 #include "app/adjust.h"
 
 #include "app/pl_event.h"
+#include "app/pl_text.h"
 #include "app/rewrite.h"
 #include "app/task.h"
 #include "lib/check.h"
@@ -120,11 +121,20 @@ static void detach_vod(pl_task *task) {
         is_shared ? "detached" : "ignored");
 }
 
+// Whether writing the task's window finishes it; where durations and start times disagree, a window as long
+// as the event need not reach its end.
+static bool holds_end(const pl_task *task) {
+    const pl_item *last = task->ilast;
+    while (last != task->ifirst && !is_segment(last))
+        last = older_item(last);
+    return task->end_time > 0 && ends_event(last, task->end_time);
+}
+
 int adjust_task(pl_task *task, bool must_trim) {
     if (task->pprm_idx >= 0)
         return 0; // it goes at the end of the pass and has no window any more
     // So an end that still waits to be written comes first.
-    if (task->is_queued && task->end_time > 0 && is_eot_reachable(task->src, task->end_time))
+    if (task->is_queued && !task->is_eot && holds_end(task))
         rewrite_now(task);
     if (task->is_eot)
         return pass_over_finished(task, must_trim);
@@ -151,7 +161,7 @@ int adjust_task(pl_task *task, bool must_trim) {
         return leave_with_items(task);
     }
     // Writing finishes an event, which then moves no more: not after its items have retired.
-    if (is_end_reachable && g_cfg.refresh_pl_files)
+    if (is_end_reachable && g_cfg.refresh_pl_files && holds_end(task))
         rewrite_task(task);
     return 0;
 }
