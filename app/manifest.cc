@@ -211,7 +211,7 @@ static size_t import_lines(pl_source *src, FILE *fp) {
         if (last_len != 0 && len != last_len)
             LOG(LL_WARN, "%s: last/current=%zu/%zu mismatch, corrupt manifest?\n", "read_manifest", last_len,
                 len);
-        std::string_view path = entry_path({buf, len});
+        std::string_view path = numbers.is_on ? entry_path({buf, len}) : std::string_view{};
         begin_entry(src, &numbers, path);
         int rc = add_manifest_entry(src, {buf, len}, count + 1);
         note_anchor(src, numbers, path);
