@@ -28,6 +28,10 @@ static constexpr const char *REFUSAL_NAMES[] = {"malformed", "value", "stamp", "
 static_assert(sizeof(KIND_NAMES) / sizeof(KIND_NAMES[0]) == PL_KINDS);
 static_assert(sizeof(REFUSAL_NAMES) / sizeof(REFUSAL_NAMES[0]) == REFUSED_REASONS);
 
+// From LL_PANIC on, spelled as one looks for them.
+static constexpr const char *LEVEL_NAMES[LOG_COUNTED] = {"panic",  "error", "critical", "warning",
+                                                         "normal", "info",  "debug"};
+
 // --- the text ---
 
 __attribute__((format(printf, 2, 3))) static void put(std::string *out, const char *format, ...) {
@@ -94,8 +98,7 @@ static void put_process(std::string *out) {
               static_cast<double>(deletions_left()));
     put_family(out, "log_records_total", "counter", "Log records written by level.");
     for (size_t i = 0; i < LOG_COUNTED; ++i)
-        put(out, "lumo_log_records_total{level=\"%s\"} %lu\n", log_level_str(static_cast<int>(i) + LL_PANIC),
-            g_log_written[i]);
+        put(out, "lumo_log_records_total{level=\"%s\"} %lu\n", LEVEL_NAMES[i], g_log_written[i]);
 }
 
 static void put_requests(std::string *out) {
