@@ -7,10 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <string_view>
-#include <sys/stat.h>
-#include <unistd.h>
 
 LOG_UNIT(LOG_MOD_APP);
 
@@ -26,9 +23,8 @@ static bool is_kept(const pl_source *src) {
     return g_cfg.strict_hls && !is_backup_name(src->nametag);
 }
 
-static bool mk_path(const pl_source *src, const char *suffix, seq_path &path) {
-    int n = snprintf(path, sizeof(path), "%s/%s/%s.seq%s", src->param.data_dir, src->nametag, src->nametag,
-                     suffix);
+static bool mk_path(const pl_source *src, seq_path &path) {
+    int n = snprintf(path, sizeof(path), "%s/%s/%s.seq", src->param.data_dir, src->nametag, src->nametag);
     return n > 0 && n < static_cast<int>(sizeof(path));
 }
 
@@ -54,7 +50,7 @@ static bool parse(std::string_view text, seq_anchor *anchor) {
 
 bool seq_read(const pl_source *src, seq_anchor *anchor) {
     seq_path path;
-    if (!is_kept(src) || !mk_path(src, "", path))
+    if (!is_kept(src) || !mk_path(src, path))
         return false;
     FILE *fp = fopen_regular(path);
     if (!fp) {
@@ -73,39 +69,25 @@ bool seq_read(const pl_source *src, seq_anchor *anchor) {
 
 // --- writing ---
 
-static bool write_text(const char *path, const char *text, size_t len) {
-    int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return false;
-    bool is_whole = write(fd, text, len) == static_cast<ssize_t>(len);
-    int err = is_whole ? 0 : errno;
-    is_whole = close(fd) == 0 && is_whole;
-    if (err != 0)
-        errno = err;
-    return is_whole;
-}
-
-static void report_failure(pl_source *src, const char *path) {
-    if (errno == ENOENT || src->has_seq_failed)
+static void report_failure(pl_source *src, const char *path, int err) {
+    if (err == ENOENT || src->has_seq_failed)
         return;
     src->has_seq_failed = true;
     LOG(LL_ERROR, "%s: src[%s] cannot keep its numbers in [%s] ERROR(%d): %s\n", "seq_keep", src->nametag,
-        path, errno, strerror(errno));
+        path, err, strerror(err));
 }
 
 static bool write_anchor(pl_source *src, const pl_item *item) {
     seq_path path;
-    seq_path tmp;
     char text[MAX_LINE];
-    if (!mk_path(src, "", path) || !mk_path(src, ".tmp", tmp))
+    if (!mk_path(src, path))
         return false;
     int len = snprintf(text, sizeof(text), "%s %zu %u%s\n", item->path, item->mseq, item_breaks(item),
                        follows_break(item) ? BEHIND_BREAK : "");
-    if (write_text(tmp, text, static_cast<size_t>(len)) && rename(tmp, path) == 0)
-        return true;
-    report_failure(src, path);
-    unlink(tmp);
-    return false;
+    int err = replace_file(path, {text, static_cast<size_t>(len)});
+    if (err != 0)
+        report_failure(src, path, err);
+    return err == 0;
 }
 
 void seq_keep(pl_source *src) {

@@ -9,6 +9,7 @@
 #include "lib/syswrap.h"
 #include "lib/timeop.h"
 #include "lib/tmout.h"
+#include "lib/util.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -16,7 +17,6 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 LOG_UNIT(LOG_MOD_APP);
@@ -254,23 +254,6 @@ std::string status_text() {
 }
 
 // --- the file ---
-
-// 0 or errno; the temporary file is gone after a failure.
-static int replace_file(const char *path, const std::string &text) {
-    const std::string tmp = std::string(path) + ".tmp";
-    fd_guard file(open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-    if (file.fd < 0)
-        return errno;
-    errno = ENOSPC; // of a short write
-    bool is_whole = fchmod(file.fd, 0644) == 0 &&
-                    write(file.fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    is_whole = close(file.release()) == 0 && is_whole;
-    if (is_whole && rename(tmp.c_str(), path) == 0)
-        return 0;
-    int err = errno;
-    unlink(tmp.c_str());
-    return err;
-}
 
 static void write_status() {
     static int last_err = 0;

@@ -72,6 +72,9 @@ FILE *fopen_any(const char *name, const char *mode, size_t ndirs, const char *co
 // Opens a regular file for reading without ever waiting; -1 or null with errno set for anything else.
 int open_regular(const char *path);
 FILE *fopen_regular(const char *path);
+// Puts a file with `text`, mode 0644, in the place of `path` by a rename of "PATH.tmp", so that nobody reads
+// half of it. 0 or errno; the temporary file is gone after a failure, and nothing is logged.
+int replace_file(const char *path, std::string_view text);
 // Reads a whole file of at most `size` bytes; the bytes read, or -1.
 ssize_t read_file_buf(const char *path, void *buf, size_t size);
 // Puts `dir` before a relative path, unless `dir` is empty. 0; -1 (logged) when that does not fit `size`: the

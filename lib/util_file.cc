@@ -232,6 +232,22 @@ int tag_index(const char *word, const char *const *list) {
     return -1;
 }
 
+int replace_file(const char *path, std::string_view text) {
+    const std::string tmp = std::string(path) + ".tmp";
+    fd_guard file(open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (file.fd < 0)
+        return errno;
+    errno = ENOSPC; // of a short write
+    bool is_whole = fchmod(file.fd, 0644) == 0 &&
+                    write(file.fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    is_whole = close(file.release()) == 0 && is_whole;
+    if (is_whole && rename(tmp.c_str(), path) == 0)
+        return 0;
+    int err = errno;
+    unlink(tmp.c_str());
+    return err;
+}
+
 size_t cpy_till(const char *src, const char *stop, char *dst, size_t size) {
     if (size == 0)
         return 0;
