@@ -322,6 +322,7 @@ void destroy_src(pl_source *src) {
     CHECK(src->tag.num == PL_SRC);
     LOG_FN(LL_DEBUG, "[%s] idx=%zd BEGIN\n", src->nametag, src->idx);
     unhash(src);
+    src->master = nullptr;
     xvlst_each_aux(&g_ctx.sources, src, forget_master, nullptr);
     take_last_file(src);
     free_texts(src);

@@ -67,6 +67,9 @@ TEST_F(Backup, ADefunctBackupForgetsAMasterThatGoes) {
     ASSERT_EQ(connect("~chan", "max_sec=100 item_pfx=http://c/"), 0);
     EXPECT_TRUE(!bkup->is_defunct && !bkup->master);
     EXPECT_STREQ(bkup->item_pfx, "http://c/");
+    // At the end of the context this one goes before its master.
+    source("~last", "max_sec=100 item_pfx=http://d/");
+    suspend_source(source("last"), 0);
 }
 
 } // namespace
