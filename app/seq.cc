@@ -91,7 +91,11 @@ static bool write_anchor(pl_source *src, const pl_item *item) {
 }
 
 void seq_keep(pl_source *src) {
-    if (!is_kept(src) || src->manif.is_feeding)
+    if (!is_kept(src)) {
+        src->seq_item = nullptr; // what comes now is not in the file
+        return;
+    }
+    if (src->manif.is_feeding)
         return;
     const pl_item *item = newest_item(src);
     if (item && !is_segment(item))
