@@ -13,7 +13,7 @@ LOG_UNIT(LOG_MOD_APP);
 static bool has_time_to_spare(const pl_task *task) {
     double rest = task->window_sec - task->ifirst->duration;
     return newer_item(task->ifirst) &&
-           rest >= static_cast<double>(task->shift_sec) + 3.0 * task->src->target_sec;
+           rest >= static_cast<double>(task->shift_sec) + 3.0 * strict_target(task);
 }
 
 bool must_advance_ifirst(const pl_task *task) {

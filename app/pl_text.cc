@@ -145,7 +145,7 @@ void measure_window(const pl_task *task, const text_spans *spans, pl_totals *tot
     double rounded = nearbyint(longest);
     unsigned max_duration = rounded < 1 ? 1 : rounded >= UINT_MAX ? UINT_MAX : static_cast<unsigned>(rounded);
     CHECK(max_duration > 0);
-    totals->target_sec = task->is_strict ? std::max(task->src->target_sec, 1U) : max_duration;
+    totals->target_sec = task->is_strict ? strict_target(task) : max_duration;
 }
 
 static const char *playlist_type(const pl_task *task) {

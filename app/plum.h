@@ -14,6 +14,7 @@
 #include "lib/util.h"
 #include "lib/xvdat.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -234,6 +235,7 @@ struct pl_task {
     time_t step_touch;       // the lock file's modification time then
     bool keeps_files;        // goes with its first segment: its files are deleted as late as that one
     bool is_strict;          // written as strict players want it
+    unsigned min_target_sec; // ... with this target duration at least
     long shift_sec;          // the time shift that an event was asked for by, 0 = by clock time
     double lead_sec;   // of a strict event: media before the clock time asked for, negative once it left
     double window_sec; // of a strict time shift: media in its window
@@ -374,6 +376,10 @@ inline bool ends_list(const pl_item *item) {
 }
 inline size_t item_size(const pl_item *item) {
     return offsetof(pl_item, path) + strlen(item->path) + 1;
+}
+// Target duration of a strict playlist.
+inline unsigned strict_target(const pl_task *task) {
+    return std::max({task->src->target_sec, task->min_target_sec, 1U});
 }
 inline pl_task *src_task(const pl_source *src, ssize_t idx) {
     return xvlst_at<pl_task>(src->tasks, static_cast<size_t>(idx));

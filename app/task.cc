@@ -83,6 +83,7 @@ void init_task(pl_task *task, pl_source *src) {
     task->lkfd = -1;
     task->must_sync_playlist = true;
     task->is_strict = g_cfg.strict_hls;
+    task->min_target_sec = static_cast<unsigned>(g_cfg.min_target_sec);
 }
 
 // --- finding ---

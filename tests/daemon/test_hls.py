@@ -127,7 +127,7 @@ def test_switched_by_reloads(lumo):
     requests = ["LIV chan", f"EVE chan {channel.begin + 33} 0", "EVE chan -50 0 peer=a"]
     for is_strict in (False, True):
         olds = [channel.look(request) for request in requests[:3]]
-        d.write_config(strict_hls=is_strict)
+        d.write_config(strict_hls=is_strict, min_target_sec=20)
         since = d.mark()
         d.proc.send_signal(signal.SIGHUP)
         d.wait_log("Configuration reloaded", since=since)
@@ -137,7 +137,7 @@ def test_switched_by_reloads(lumo):
         made = [d.ask(f"T1 EVE chan {channel.begin + 44} {60 + is_strict}"), d.ask("T1 VOD chan")]
         for reply in made:
             if is_strict:
-                Follower(stream=channel.stream).look(read(reply.path))
+                assert Follower(stream=channel.stream).look(read(reply.path)).target == 20
             else:
                 assert reply.playlist.names and "DATE-TIME" not in reply.playlist.text
 
