@@ -121,13 +121,23 @@ static void detach_vod(pl_task *task) {
         is_shared ? "detached" : "ignored");
 }
 
-// Whether writing the task's window finishes it; where durations and start times disagree, a window as long
-// as the event need not reach its end.
-static bool holds_end(const pl_task *task) {
+static const pl_item *last_segment(const pl_task *task) {
     const pl_item *last = task->ilast;
     while (last != task->ifirst && !is_segment(last))
         last = older_item(last);
-    return task->end_time > 0 && ends_event(last, task->end_time);
+    return last;
+}
+
+// Whether writing the task's window finishes it; where durations and start times disagree, a window as long
+// as the event need not reach its end.
+static bool holds_end(const pl_task *task) {
+    return task->end_time > 0 && ends_event(last_segment(task), task->end_time);
+}
+
+// A strict list goes with its first segment also when nobody has asked for it since its event ended.
+static bool goes_unfinished(const pl_task *task) {
+    return task->is_strict && task->end_time > 0 && task->ifirst == oldest_item(task->src) &&
+           task->end_time <= item_end_time(last_segment(task));
 }
 
 int adjust_task(pl_task *task, bool must_trim) {
@@ -143,6 +153,8 @@ int adjust_task(pl_task *task, bool must_trim) {
     bool is_vod = task->tag.num == PL_VOD;
     bool is_pseudo_live = task->tag.num == PL_EVE && task->is_live;
     bool is_moving = task->tag.num == PL_LIV || is_pseudo_live;
+    if (must_trim && goes_unfinished(task))
+        return leave_with_items(task);
     if (!is_vod)
         follow_newest(task);
     bool is_end_reachable = is_moving && task->end_time > 0 && is_eot_reachable(src, task->end_time);

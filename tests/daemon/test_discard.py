@@ -17,10 +17,11 @@ def test_files_outlive_their_listing(lumo):
     d = lumo(keep_retired_sec=KEEP, strict_hls=True, task_tmout_sec=1, src_tmout_sec=60)
     src = d.source(params=f"max_sec=100 data_dir={d.data}")
     segs = src.feed(10, dur=10.0)
-    lists = [d.ask("T1 VOD chan").path, d.ask(f"T1 EVE chan {segs[0].start} 25").path]
+    ended, ending = (f"T1 EVE chan {segs[0].start} {sec}" for sec in (25, 105))
+    lists = [d.ask(request).path for request in ("T1 VOD chan", ended, ending)]
     began = time.monotonic()
     segs += src.feed(2, dur=10.0)
-    assert d.ask(f"T1 EVE chan {segs[0].start} 25").error == (404, "no data for the event")
+    assert {d.ask(request).error for request in (ended, ending)} == {(404, "no data for the event")}
     leaving = [seg.full for seg in segs[:2]] + lists + [path + ".alk" for path in lists]
     gone(d, leaving)
     assert not is_early(began) and all(seg.exists() for seg in segs[2:])
