@@ -121,6 +121,7 @@ void destroy_plum_ctx() {
     xvlst_reset(&g_ctx.sources);
     discard_end();
     end_deletions();
+    rm_timeout(TMO_FILES);
     xvlst_reset(&g_ctx.pprm_tasks);
     if (g_ctx.src_ht)
         skht_destroy(g_ctx.src_ht, nullptr);

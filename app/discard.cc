@@ -106,6 +106,10 @@ void discard_orphans_due() {
     delete_due(&g_orphans, loop_sec());
 }
 
+bool has_orphans() {
+    return g_orphans.first != nullptr;
+}
+
 void discard_orphan(pl_source *src) {
     if (!src->discards.first)
         return;

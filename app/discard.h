@@ -18,6 +18,8 @@ void discard_forget(pl_source *src, const char *path);
 // Deletes what is due: of one source, and of those that have expired.
 void discard_due(pl_source *src);
 void discard_orphans_due();
+// Whether files of expired sources wait.
+bool has_orphans();
 
 // The source goes, the daemon goes on.
 void discard_orphan(pl_source *src);

@@ -103,8 +103,7 @@ static bool sweep_source(pl_source *src, slice *s) {
 
 static void begin_sweep() {
     sweep_ctx &sweep = g_ctx.sweep;
-    if (!sweep.is_under_way)
-        set_timeout(TMO_SWEEP, 0);
+    keep_timeout(TMO_SWEEP, 0, true);
     bool is_after_step = is_clock_set() || (sweep.is_under_way && sweep.is_after_step);
     sweep = {.is_under_way = true, .is_after_step = is_after_step, .src = 0, .task = 0};
 }
@@ -128,6 +127,8 @@ void time_out_src_tasks() {
         int removed = xvlst_rmif(&g_ctx.sources, nullptr, src_expired, nullptr);
         if (removed > 0)
             LOG_FN(LL_INFO, "removed %d source(s)\n", removed);
+        // With the last source the loop's reason to wake up for them would be gone.
+        keep_timeout(TMO_FILES, g_cfg.lk_tmout_sec * 1000L, deletions_left() > 0 || has_orphans());
     }
     if (g_ctx.sweep.is_under_way)
         continue_sweep();

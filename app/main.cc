@@ -187,16 +187,6 @@ static void toggle_debug() {
         LOG(LL_DEBUG, "%s: now all DEBUG messages will be recorded\n", "process_signals");
 }
 
-// A look that is still to come is registered as a time-out, so that it comes when the traffic stops.
-static void owe_config_look(bool is_owed) {
-    static bool is_registered = false;
-    if (is_owed && !is_registered)
-        set_timeout(TMO_CONFIG, CONFIG_LOOK_MS);
-    if (!is_owed && is_registered)
-        rm_timeout(TMO_CONFIG);
-    is_registered = is_owed;
-}
-
 // Whether the configuration file was touched. A busy loop does not look in every pass, and a file that was
 // touched a moment ago may not be finished.
 static bool is_config_touched() {
@@ -210,7 +200,8 @@ static bool is_config_touched() {
         is_touched = chk_file_stamp(g_cfg.config_path, &g_cfg.stamp, &is_owed);
         g_cfg.last_mtime = g_cfg.stamp.sec;
     }
-    owe_config_look(is_owed);
+    // A look that is still to come also comes when the traffic stops.
+    keep_timeout(TMO_CONFIG, CONFIG_LOOK_MS, is_owed);
     return is_touched;
 }
 

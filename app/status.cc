@@ -278,8 +278,7 @@ static bool is_due() {
     bool is_wanted = is_on();
     timespec span;
     ms2timespec(g_cfg.status_sec * 1000L, &span);
-    if (is_wanted != g_was_on)
-        is_wanted ? set_timeout(TMO_STATUS, LOOK_MS) : rm_timeout(TMO_STATUS);
+    keep_timeout(TMO_STATUS, LOOK_MS, is_wanted);
     bool is_time = is_wanted && (!g_was_on || timed_out(last_write, span));
     g_was_on = is_wanted;
     if (is_time)

@@ -77,6 +77,13 @@ void rm_timeout(int index) {
     reg_rm_timeout(&g_registry, index);
 }
 
+void keep_timeout(int index, int64_t val, bool is_wanted) {
+    if (!is_wanted)
+        rm_timeout(index);
+    else if (slot(&g_registry, index)->lk == 0)
+        set_timeout(index, val);
+}
+
 int64_t get_timeout(int index) {
     return reg_get_timeout(&g_registry, index);
 }

@@ -15,7 +15,8 @@ enum tmout_index : int {
     TMO_CONFIG = 3,
     TMO_SWEEP = 4,
     TMO_STATUS = 5,
-    TMO_REWRITE = 6
+    TMO_REWRITE = 6,
+    TMO_FILES = 7
 };
 
 struct tmo_rec {
@@ -41,4 +42,6 @@ void init_timeout_registry();
 void set_timeout(int index, int64_t val);
 void rm_timeout(int index);
 int64_t get_timeout(int index);
+// For an index with one registrant, which has its time-out as long as `is_wanted`.
+void keep_timeout(int index, int64_t val, bool is_wanted);
 int64_t get_min_timeout();
