@@ -231,7 +231,8 @@ static void set_event_end(pl_task *task, bool *can_eot) {
 // The window of a continuous event: centred on its start, or as long as the playlist may be.
 static void set_live_range(pl_task *task, pl_item *first, bool can_eot) {
     if (!can_eot && task->duration == 0) {
-        size_t depth = calc_depth(first, EVENT_DEPTH);
+        // A strict list ends with the newest anyway; where it begins must not depend on when it is asked for.
+        size_t depth = task->is_strict ? EVENT_DEPTH : calc_depth(first, EVENT_DEPTH);
         if (depth > 0) {
             task->ifirst = step_from(false, first, depth);
             task->ilast = task->is_strict ? newest_item(task->src) : step_from(true, first, depth);

@@ -99,7 +99,7 @@ def test_a_killed_daemon_goes_on(lumo):
     """In every kind of playlist a number names the same segment, behind as many breaks, as before."""
     d = lumo(strict_hls=True, max_live_items=4)
     channel = Channel(d)
-    lines, last = [], -1
+    lines, last, edge = [], -1, Follower(stream=channel.stream)
     for _ in range(3):
         for count in (3, 1):
             lines = lines[-6:] + [seg.line() for seg in channel.src.feed(count, dur=10.0)]
@@ -108,6 +108,7 @@ def test_a_killed_daemon_goes_on(lumo):
             at = channel.src.next_start - 25
             texts = [channel.look(request) for request in ("LIV chan", "VOD chan", f"EVE chan {at} 0")]
             assert {text.last for text in texts} == {last + count}
+            edge.look(read(d.ask(f"T1 EVE chan {channel.begin + 25} 0").path))  # asked for when it is the newest
             last += count
         d.kill()
         channel.followers.clear()  # the next daemon names its playlists anew

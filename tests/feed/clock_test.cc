@@ -39,7 +39,7 @@ TEST(Clock, ArrivalTimesDoNotMatterUntilTheStreamHasDrifted) {
                               {12, 16, 12 * 90000, 24.1, false, 13},
                               {16, 20, 16 * 90000, 24.2, false, 17},
                               {20, 24, 20 * 90000, 26, false, 21}});
-    play({.segment_sec = 4}, {{0, 4, 0, 4, true, 0},
+    play({.segment_sec = 4}, {{0, 4, 3 * 90000, 4, true, 0}, // the picture begins behind the sound
                               {4, 8, 4 * 90000, 13, false, 4},
                               {8, 12, 8 * 90000, 17, false, 8},
                               {12, 16, 12 * 90000, 21, true, 17},

@@ -34,6 +34,16 @@ static int64_t pts_step(int64_t from, int64_t to) {
     return step >= TS_WRAP / 2 ? step - TS_WRAP : step;
 }
 
+// Behind a break the picture may begin later in the segment than the sound.
+static bool do_stamps_go_on(const stream_clock *clock, double start, int64_t raw_pts) {
+    if (clock->raw_pts == TS_NONE || raw_pts == TS_NONE)
+        return true;
+    double step = static_cast<double>(pts_step(clock->raw_pts, raw_pts)) / TS_HZ;
+    double gap = step - (start + clock->unwrapped - clock->start);
+    double late = clock->is_behind_break && step > 0 ? clock->end - clock->start : 0;
+    return gap <= MAX_GAP && gap >= -MAX_GAP - late;
+}
+
 static bool has_drifted(stream_clock *clock, double end, double duration, double now) {
     double drift = now - (clock->anchor + end);
     double limit = std::max(clock->segment_sec, duration);
@@ -51,10 +61,7 @@ static const char *reason_to_break(stream_clock *clock, double start, double dur
         return "the stream begins";
     if (std::abs(jump_of(clock, start)) > MAX_GAP)
         return "the stream's time jumps";
-    double step = start + clock->unwrapped - clock->start;
-    bool has_stamps = clock->raw_pts != TS_NONE && raw_pts != TS_NONE;
-    if (has_stamps &&
-        std::abs(static_cast<double>(pts_step(clock->raw_pts, raw_pts)) / TS_HZ - step) > MAX_GAP)
+    if (!do_stamps_go_on(clock, start, raw_pts))
         return "the time stamps do not go on";
     if (has_drifted(clock, start + clock->unwrapped + duration, duration, now))
         return now > clock->anchor + clock->end
@@ -105,6 +112,7 @@ seg_time clock_place(stream_clock *clock, double start, double end, int64_t raw_
         set_anchor(clock, start + duration, now);
     clock->pts = reported_pts(clock, why != nullptr, raw_pts, start);
     clock->raw_pts = raw_pts;
+    clock->is_behind_break = why != nullptr;
     clock->start = start + clock->unwrapped;
     clock->end = clock->start + duration;
     return {why, clock->anchor + clock->start, duration, clock->pts};

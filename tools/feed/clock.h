@@ -3,7 +3,8 @@
 // first segment of a run, so that this segment ends when it is reported, and anew, behind a break, when
 //
 //  - the stream's time jumps: a segment does not begin where the last one ended, or its time stamps tell
-//    another distance than its times (a wrap of the 33 bits is no jump);
+//    another distance than its times (a wrap of the 33 bits is no jump, nor does it matter how far behind
+//    the sound the picture begins after a break);
 //  - a segment's end is not behind its start, or absurdly far: its length is then the nominal one;
 //  - stream and wall clock are more than a segment apart, three segments in a row, so that a hiccup of the
 //    machine does not count.
@@ -25,6 +26,7 @@ struct stream_clock {
     double unwrapped = 0;          // added to the stream's times
     double start = 0, end = 0;     // of the last segment, unwrapped
     int64_t raw_pts = -1;          // of the last segment
+    bool is_behind_break = false;  // the last segment
     int64_t pts = 0;               // as reported
     int drifted = 0;               // segments in a row
 };
