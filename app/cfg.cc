@@ -6,7 +6,6 @@
 #include "lib/util.h"
 
 #include <charconv>
-#include <cinttypes>
 #include <cstring>
 
 LOG_UNIT(LOG_MOD_APP);

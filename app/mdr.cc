@@ -5,7 +5,6 @@
 #include "lib/usock.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 

@@ -15,8 +15,6 @@
 #include <cerrno>
 #include <charconv>
 #include <climits>
-#include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>

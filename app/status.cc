@@ -16,7 +16,6 @@
 #include <cstdio>
 #include <cstring>
 #include <dirent.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 LOG_UNIT(LOG_MOD_APP);

@@ -9,7 +9,6 @@
 #include "lib/timeop.h"
 
 #include <cstdlib>
-#include <cstring>
 
 LOG_UNIT(LOG_MOD_APP);
 

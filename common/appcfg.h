@@ -1,7 +1,6 @@
 // Configuration sections that the daemons of this family share: the log and the process itself.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 

@@ -6,15 +6,11 @@
 #include "lib/syswrap.h"
 #include "lib/timeop.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/tcp.h>
-#include <strings.h>
 #include <sys/un.h>
 #include <unistd.h>
 

@@ -3,7 +3,6 @@
 #include "lib/log.h"
 #include "lib/syswrap.h"
 
-#include <cerrno>
 #include <cstring>
 
 LOG_UNIT(LOG_MOD_APP);

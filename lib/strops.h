@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <initializer_list>
 #include <string_view>
-#include <sys/types.h>
 
 // A number with an optional size suffix K, Kb, M, Mb, G, Gb in either case. 0; -5 for any other suffix, -3
 // for a number part over 63 characters, -4 when it is no number.

@@ -7,7 +7,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdio>
 #include <netdb.h>
 #include <poll.h>
 #include <sys/select.h>

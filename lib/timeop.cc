@@ -2,7 +2,6 @@
 
 #include "lib/check.h"
 
-#include <cinttypes>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
