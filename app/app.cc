@@ -44,17 +44,6 @@ static constexpr int NAME_IS_CONNECTED = -16;
 
 // --- context ---
 
-// With late deletion a retired file is in the queue; one that retired before it was switched on is not.
-static void take_last_file(pl_source *src) {
-    if (!src->rcy_fpath || !is_discard_on())
-        return;
-    char full[sizeof(g_cfg.data_dir) + MAX_ITEM_PATH + 1];
-    snprintf(full, sizeof(full), "%s/%s", src_data_dir(src), src->rcy_fpath);
-    discard_file(src, full);
-    free(src->rcy_fpath);
-    src->rcy_fpath = nullptr;
-}
-
 static int open_reporter() {
     if (!g_cfg.mdr.is_enabled)
         return 0;
@@ -105,7 +94,7 @@ int init_plum_ctx(const rui_socket_cb &cb) {
 
 static int save_pending(void *sources, size_t i) {
     pl_source *src = static_cast<pl_source *>(sources) + i;
-    take_last_file(src);
+    discard_last_segfile(src);
     discard_save(src);
     return 0;
 }
@@ -325,7 +314,7 @@ void destroy_src(pl_source *src) {
     unhash(src);
     src->master = nullptr;
     xvlst_each_aux(&g_ctx.sources, src, forget_master, nullptr);
-    take_last_file(src);
+    discard_last_segfile(src);
     free_texts(src);
     xvlst_purge_all(&src->tasks, rm_task_rec);
     xvlst_reset(&src->tasks);

@@ -17,7 +17,8 @@ void destroy_plum_ctx();
 // name is connected, -1 or another error for bad parameters and the like (logged).
 int add_source(pl_urq *urq, const char *nametag, const char *params);
 
-// Parses "max_sec=", "data_dir=" and "item_pfx=" out of `text`; 0 or -1 (logged).
+// Parses "max_sec=", "data_dir=", "item_pfx=" and "target_sec=" out of `text`; 0 or -1 (logged), also for a
+// directory that cannot be written.
 int get_src_params(const char *text, src_params *params);
 // Copies what is set of the playback length and the data directory, nothing else.
 void copy_params(src_params *dst, const src_params *src);

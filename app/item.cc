@@ -292,14 +292,18 @@ int add_discontinuity(pl_source *src) {
 
 // --- changes ---
 
+static void drop_recycle_path(pl_source *src) {
+    free(src->rcy_fpath);
+    src->rcy_fpath = nullptr;
+}
+
 void recycle_segfile(pl_source *src, pl_item *item) {
     file_path full;
     if (src->rcy_fpath) {
         mk_full_path(src, src->rcy_fpath, full);
         LOG_FN(LL_DEBUG, "removing [%s]\n", full);
         src->counts.deleted += delete_file(__func__, full) == 0;
-        free(src->rcy_fpath);
-        src->rcy_fpath = nullptr;
+        drop_recycle_path(src);
     }
     if (is_discard_on()) {
         mk_full_path(src, item->path, full);
@@ -308,6 +312,15 @@ void recycle_segfile(pl_source *src, pl_item *item) {
     }
     src->rcy_fpath = strdup(item->path);
     LOG_FN(LL_DEBUG, "[%s] is next to recycle\n", item->path);
+}
+
+void discard_last_segfile(pl_source *src) {
+    if (!src->rcy_fpath || !is_discard_on())
+        return;
+    file_path full;
+    mk_full_path(src, src->rcy_fpath, full);
+    discard_file(src, full);
+    drop_recycle_path(src);
 }
 
 static void retire_oldest(pl_source *src) {

@@ -37,3 +37,6 @@ int apply_src_changes(pl_source *src, bool must_trim);
 // Takes over the retired item's path: its file is deleted when the next one retires, or
 // `keep_retired_sec` from now.
 void recycle_segfile(pl_source *src, pl_item *item);
+// With late deletion on: no next one will retire, so the file whose path was taken over joins the others that
+// wait.
+void discard_last_segfile(pl_source *src);

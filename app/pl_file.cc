@@ -125,9 +125,8 @@ size_t shortest_path(const char *dir, const char *nametag) {
 
 // A name of exactly the limit passes and is stored cut by one character.
 static int name_playlist(pl_task *task) {
-    const pl_source *src = task->src;
-    const char *dir = src->param.data_dir[0] ? src->param.data_dir : g_cfg.data_dir;
-    int n = format_name(task->fpath, NAME_LIMIT, dir, src->nametag, task->tag.sym, task->tseq,
+    const char *dir = src_data_dir(task->src);
+    int n = format_name(task->fpath, NAME_LIMIT, dir, task->src->nametag, task->tag.sym, task->tseq,
                         task->ifirst->mseq);
     if (n > static_cast<int>(NAME_LIMIT)) {
         LOG(LL_ERROR, "%s: file path is too long: %d bytes, max=%zu\n", "mk_playlist", n, NAME_LIMIT);
