@@ -66,15 +66,6 @@ static void drop_first(discard_queue *queue) {
     free(node);
 }
 
-static size_t delete_due(discard_queue *queue, time_t until) {
-    size_t deleted = 0;
-    for (; queue->first && queue->first->due <= until; drop_first(queue)) {
-        LOG(LL_DEBUG, "%s: removing [%s]\n", "discard_due", queue->first->path);
-        deleted += delete_file("discard_due", queue->first->path) == 0;
-    }
-    return deleted;
-}
-
 void discard_file(pl_source *src, const char *path) {
     LOG_FN(LL_DEBUG, "[%s] stays for %d sec\n", path, g_cfg.keep_retired_sec);
     push(&src->discards, path, loop_sec() + g_cfg.keep_retired_sec);
@@ -98,12 +89,16 @@ void discard_forget(pl_source *src, const char *path) {
         drop_if(queue, [path](const char *name) { return strcmp(name, path) == 0; });
 }
 
-void discard_due(pl_source *src) {
-    src->counts.deleted += delete_due(&src->discards, loop_sec());
-}
-
-void discard_orphans_due() {
-    delete_due(&g_orphans, loop_sec());
+bool discard_next_due(pl_source *src) {
+    discard_queue *queue = src ? &src->discards : &g_orphans;
+    if (!queue->first || queue->first->due > loop_sec())
+        return false;
+    LOG_FN(LL_DEBUG, "removing [%s]\n", queue->first->path);
+    bool is_gone = delete_file(__func__, queue->first->path) == 0;
+    if (src)
+        src->counts.deleted += is_gone;
+    drop_first(queue);
+    return true;
 }
 
 bool has_orphans() {

@@ -15,9 +15,9 @@ bool is_discard_on();
 void discard_file(pl_source *src, const char *path);
 // The name is in use again: what bears it stays.
 void discard_forget(pl_source *src, const char *path);
-// Deletes what is due: of one source, and of those that have expired.
-void discard_due(pl_source *src);
-void discard_orphans_due();
+// Deletes the next file that is due, of a source or, with null, of those that have expired. False when none
+// is.
+bool discard_next_due(pl_source *src);
 // Whether files of expired sources wait.
 bool has_orphans();
 

@@ -85,8 +85,18 @@ static void look_at_task(const pl_source *src, pl_task *task) {
         task_xpire(task);
 }
 
-// The source's tasks from the sweep's place on; false when the slice ended first.
+// The files that are due, as of discard_next_due; false when the slice ended first.
+static bool sweep_files(pl_source *src, slice *s) {
+    for (; discard_next_due(src); ++s->looks)
+        if (is_over(*s))
+            return false;
+    return true;
+}
+
+// The source's files, and its tasks from the sweep's place on; false when the slice ended first.
 static bool sweep_source(pl_source *src, slice *s) {
+    if (!sweep_files(src, s))
+        return false;
     size_t &i = g_ctx.sweep.task;
     if (i == 0 && !is_empty_src(src))
         LOG(LL_DEBUG, "%s: [%s] checking %zu tasks\n", "src_expired", src->nametag, src->tasks.len);
@@ -111,6 +121,8 @@ static void begin_sweep() {
 static void continue_sweep() {
     sweep_ctx &sweep = g_ctx.sweep;
     slice s;
+    if (!sweep_files(nullptr, &s))
+        return;
     for (; g_ctx.sources.len > 0 && sweep.src <= g_ctx.sources.last; ++sweep.src, sweep.task = 0)
         if (xvlst_taken(g_ctx.sources, sweep.src) &&
             !sweep_source(xvlst_at<pl_source>(g_ctx.sources, sweep.src), &s))
@@ -123,7 +135,6 @@ void time_out_src_tasks() {
     if (is_iocheck_time(&g_ctx.last_task_check, g_cfg.lk_tmout_sec)) {
         begin_sweep();
         retry_deletions();
-        discard_orphans_due();
         int removed = xvlst_rmif(&g_ctx.sources, nullptr, src_expired, nullptr);
         if (removed > 0)
             LOG_FN(LL_INFO, "removed %d source(s)\n", removed);
@@ -142,7 +153,6 @@ int src_expired(void *sources, size_t i, void *) {
     pl_source *src = static_cast<pl_source *>(sources) + i;
     stretch_age(src);
     retry_take_over(src);
-    discard_due(src);
     long idle = idle_sec(src);
     long limit = idle_limit(src);
     if (idle < limit)

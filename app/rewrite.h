@@ -1,8 +1,8 @@
 // When the playlists that a new segment leaves behind are written. Short windows are written at once, as long
 // as the pass has time for it; long ones, and what is over, wait here, and the idle step works them off,
-// those first that were asked for last. It writes for SLICE_MS or one playlist, whichever is longer, and then
-// leaves the loop to others for longer than that, so that answers keep most of their rate. A playlist that is
-// asked for while it waits is written for the answer.
+// those first that were asked for last. It writes for some milliseconds or one playlist, whichever is longer,
+// and then leaves the loop to others for longer than that, so that answers keep most of their rate. A
+// playlist that is asked for while it waits is written for the answer.
 //
 // The queue names tasks by source and slot: one that went, or whose file is fresh by then, is passed over.
 #pragma once
