@@ -7,6 +7,7 @@
 #include "app/seq.h"
 #include "lib/check.h"
 #include "lib/log.h"
+#include "lib/strops.h"
 #include "lib/syswrap.h"
 #include "lib/timeop.h"
 #include "lib/util.h"
@@ -230,15 +231,30 @@ static int trim(pl_source *src) {
     return rc;
 }
 
-struct float_text {
-    char text[FLT_MAX_10_EXP + 16];
-};
-
-// As "%f" prints it, for less: an import tells as many durations as it has items.
-static float_text print_float(float value) {
-    float_text out{};
-    std::to_chars(out.text, std::end(out.text) - 1, value, std::chars_format::fixed, 6);
-    return out;
+// Put together without the formatter, for half its price: an import tells of as many items as it has entries.
+static void tell_added(const pl_source *src, const pl_item *item) {
+    if (!log_wanted(g_log, LL_INFO, g_llctx))
+        return;
+    char duration[FLT_MAX_10_EXP + 16]; // as "%f" prints it
+    char number[24];
+    char text[MAX_ITEM_PATH + MAX_SRC_NAME + sizeof(duration) + 64];
+    const char *duration_end =
+        std::to_chars(duration, std::end(duration), item->duration, std::chars_format::fixed, 6).ptr;
+    const char *number_end = std::to_chars(number, std::end(number), item->mseq).ptr;
+    join_cut(text, sizeof(text),
+             {"added ",
+              src->manif.is_feeding ? "MANIF" : "LIVE",
+              " [",
+              item->le.tag.sym,
+              "]/",
+              {duration, duration_end},
+              " m",
+              {number, number_end},
+              "  channel[",
+              src->nametag,
+              "] ",
+              is_segment(item) ? item->path : "(null)"});
+    LOG(LL_INFO, "%s\n", text);
 }
 
 // Of what `fill_segment` answers.
@@ -276,9 +292,7 @@ int add_seg(pl_source *src, const item_data *data) {
     (src->manif.is_feeding ? src->counts.imported : src->counts.accepted) += is_segment(item);
     if (is_segment(item))
         raise_target(src, item);
-    LOG(LL_INFO, "added %s [%s]/%s m%zu  channel[%s] %s\n", src->manif.is_feeding ? "MANIF" : "LIVE",
-        item->le.tag.sym, print_float(item->duration).text, item->mseq, src->nametag,
-        is_marker ? "(null)" : item->path);
+    tell_added(src, item);
     seq_keep(src);
     return trim(src);
 }

@@ -35,9 +35,16 @@ static const char *name_of(const pl_urq *urq) {
     return urq->rq.trk_tag.sym8;
 }
 
+static void read_first(rui_rq_header *rq) {
+    urq_read(as_urq(rq));
+}
+
 const rui_socket_cb &urq_callbacks() {
-    static const rui_socket_cb cb = {
-        .tag = {.num = PL_URQ}, .new_rq = urq_new, .rm_rq = urq_rm, .time_out = urq_timeout};
+    static const rui_socket_cb cb = {.tag = {.num = PL_URQ},
+                                     .new_rq = urq_new,
+                                     .rm_rq = urq_rm,
+                                     .time_out = urq_timeout,
+                                     .read = read_first};
     return cb;
 }
 
@@ -278,13 +285,14 @@ static void carry_tail(pl_urq *urq, const char *line_end) {
 
 // Ends the text at its line end; false when there is none yet.
 static bool cut_line(pl_urq *urq, size_t *len) {
-    std::string_view text{urq->text, urq->text_len};
-    size_t end = text.find_first_of("\r\n");
-    if (end == std::string_view::npos)
+    size_t end = 0;
+    while (end < urq->text_len && urq->text[end] != '\r' && urq->text[end] != '\n')
+        ++end;
+    if (end == urq->text_len)
         return false;
     LOG(LL_DEBUG, "%s: request read completed, %zu bytes\n", "urq_read", urq->text_len);
     carry_tail(urq, urq->text + end);
-    *len = strip_tail(text.substr(0, end)).size();
+    *len = strip_tail({urq->text, end}).size();
     urq->text[*len] = '\0';
     return true;
 }

@@ -320,15 +320,26 @@ static accept_step on_accept_failure(rui_socket_ctx *srv, int err) {
     }
 }
 
-// For an accept that finds the queue empty the kernel makes a socket and throws it away; a look costs less.
-static bool is_queue_empty(const rui_socket_ctx *srv) {
-    pollfd listener = {.fd = srv->sockfd, .events = POLLIN, .revents = 0};
-    return poll(&listener, 1, 0) == 0;
+// A look after a connection was taken. For an accept that finds the queue empty the kernel makes a socket and
+// throws it away, so a look costs less; and a peer that has written already need not wait for an event of its
+// own, which would cost a pass of the loop. True when the queue is empty.
+static bool look_around(const rui_socket_ctx *srv, rui_rq_header *taken) {
+    pollfd looks[] = {{.fd = srv->sockfd, .events = POLLIN, .revents = 0},
+                      {.fd = taken ? taken->fd : -1, .events = POLLIN, .revents = 0}};
+    poll(looks, std::size(looks), 0);
+    if (looks[1].revents == POLLIN && srv->cb->read)
+        srv->cb->read(taken);
+    return looks[0].revents == 0;
+}
+
+static rui_rq_header *latest_request(const rui_socket_ctx *srv) {
+    return dlep_as<rui_rq_header>(dlep_head(srv->requests));
 }
 
 int rui_accept(rui_socket_ctx *srv, size_t max_accept, int flags, void *data) {
     const char *alias = srv->lc->alias;
     LOG_FN(LL_DEBUG, "from [%s]\n", alias);
+    rui_rq_header *taken = nullptr;
     size_t accepted = 0;
     int rc = 0;
     // Connections that are turned away count as tries: they must not keep the loop from its other work.
@@ -340,11 +351,12 @@ int rui_accept(rui_socket_ctx *srv, size_t max_accept, int flags, void *data) {
         } addr{};
         socklen_t len = sizeof(addr);
         errno = EAGAIN;
-        bool is_end = tries > 0 && is_queue_empty(srv); // the first is what the event told of
+        bool is_end = tries > 0 && look_around(srv, taken); // the first is what the event told of
         int fd = is_end ? -1 : W_accept4(__func__, srv->sockfd, &addr.sa, &len, SOCK_NONBLOCK);
         if (fd >= 0) {
-            if (take_connection(srv, fd, &addr.sa, len, flags, data))
-                ++accepted;
+            bool is_taken = take_connection(srv, fd, &addr.sa, len, flags, data);
+            accepted += is_taken;
+            taken = is_taken ? latest_request(srv) : nullptr;
             continue;
         }
         accept_step step = on_accept_failure(srv, errno);
@@ -441,7 +453,8 @@ static int pprm_one(void *data, size_t i) {
 static void pprm_srv(const char *name, rui_socket_ctx *srv) {
     for (size_t n = 0; n < MAX_LISTENERS && srv[n].lc && srv[n].requests; ++n) {
         LOG_FN(LL_DEBUG, "[%s] listener[%s], %zu pprm items\n", name, srv[n].lc->alias, srv[n].pprm.len);
-        xvlst_purge_all(&srv[n].pprm, pprm_one);
+        if (srv[n].pprm.len > 0)
+            xvlst_purge_all(&srv[n].pprm, pprm_one);
     }
     LOG_FN(LL_DEBUG, "done for for [%s]\n", name);
 }

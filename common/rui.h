@@ -61,6 +61,9 @@ struct rui_socket_cb {
     void (*rm_rq)(rui_rq_header *rq);
     // True when the request has timed out and was handed to deferred removal.
     bool (*time_out)(rui_rq_header *rq, long tmout_ms);
+    // The peer had written already when its connection was taken: what its first event would lead to. May be
+    // null; the event comes all the same while there is something to read.
+    void (*read)(rui_rq_header *rq);
 };
 
 // A growing set of descriptor numbers.

@@ -1,5 +1,6 @@
 #include "lib/check.h"
 
+#undef NDEBUG // the platform's report is declared without it only
 #include <cassert>
 #include <utility>
 

@@ -91,9 +91,10 @@ struct loglevel_ctx {
 extern signed char g_mod_ll[LOG_MODULES];
 extern signed char g_sec_ll[LOG_MODULES];
 
-// Every unit that logs names its module once, after its includes.
+// Every unit that logs names its module once, after its includes. Being constant, the filter is one
+// comparison.
 #define LOG_UNIT(module)                                                                                     \
-    [[maybe_unused]] static constinit loglevel_ctx g_llctx {                                                 \
+    [[maybe_unused]] static constexpr loglevel_ctx g_llctx {                                                 \
         .mod = (module)                                                                                      \
     }
 

@@ -357,9 +357,11 @@ std::string_view scan_rest(line_scan *scan, size_t max) {
 size_t join_cut(char *dst, size_t size, std::initializer_list<std::string_view> parts) {
     size_t len = 0;
     for (std::string_view part : parts) {
-        if (len < size)
-            copy_cut(dst + len, size - len, part);
+        if (len < size && !part.empty())
+            memcpy(dst + len, part.data(), std::min(part.size(), size - len));
         len += part.size();
     }
+    if (size > 0)
+        dst[std::min(len, size - 1)] = '\0';
     return len;
 }
