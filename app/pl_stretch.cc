@@ -159,6 +159,22 @@ bool stretch_open(const pl_task *task, const pl_style &style, text_spans *spans)
     return true;
 }
 
+bool stretch_prepare(const pl_task *task, size_t max) {
+    text_spans spans;
+    if (!stretch_open(task, text_style(task), &spans))
+        return true;
+    size_t pressed = 0;
+    for (const pl_item *item = task->ifirst; item && pressed < max;) {
+        pl_stretch *place = stretch_at(task->src, item, task->ilast);
+        if (place && !place->piece.data) {
+            press_stretch(place, spans.style);
+            pressed += place->piece.data != nullptr;
+        }
+        item = place ? place->span.end : newer_item(item);
+    }
+    return pressed < max;
+}
+
 const text_span *stretch_measured(pl_source *src, const pl_item *item) {
     const pl_stretch *place = stretch_at(src, item, newest_item(src));
     return place ? &place->span : nullptr;

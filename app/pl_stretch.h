@@ -18,6 +18,10 @@ inline constexpr long STRETCH_KEEP_SEC = 3600;
 // that spans put goes through pl_gzip.
 bool stretch_open(const pl_task *task, const pl_style &style, text_spans *spans);
 
+// Compresses at most `max` of the stretches that the task's playlist lacks; true when it lacks none, or does
+// not use any.
+bool stretch_prepare(const pl_task *task, size_t max);
+
 // The durations of the stretch that begins with the item, measured on first use; null when none does.
 const text_span *stretch_measured(pl_source *src, const pl_item *item);
 

@@ -1,6 +1,7 @@
 #include "app/rewrite.h"
 
 #include "app/pl_file.h"
+#include "app/pl_stretch.h"
 #include "app/task.h"
 #include "lib/check.h"
 #include "lib/log.h"
@@ -14,8 +15,9 @@ LOG_UNIT(LOG_MOD_APP);
 static constexpr size_t SHORT_WINDOW = 128;       // segments
 static constexpr int64_t AT_ONCE_NS = 20'000'000; // of one pass, for short windows
 static constexpr int64_t SLICE_NS = 5'000'000;
-static constexpr int64_t REST = 2;    // times a slice, which others have behind it
-static constexpr int64_t LOOK_MS = 1; // the loop's wait while something is waiting
+static constexpr size_t STRETCHES_AT_ONCE = 16; // compressed within a slice, before it is looked at the clock
+static constexpr int64_t REST = 2;              // times a slice, which others have behind it
+static constexpr int64_t LOOK_MS = 1;           // the loop's wait while something is waiting
 static constexpr size_t QUEUE_BLOCK = 64;
 
 struct waiting {
@@ -81,13 +83,17 @@ static void sort_queue() {
 }
 
 static void write_last() {
-    const waiting *one = xvec_at<waiting>(g_queue.tasks, --g_queue.tasks.len);
+    const waiting *one = xvec_at<waiting>(g_queue.tasks, g_queue.tasks.len - 1);
     pl_task *task = ref_task(&one->ref);
-    if (!task || !task->is_queued)
+    bool is_wanted = task && task->is_queued && task->must_sync_playlist && task->pprm_idx < 0;
+    // What has to be compressed anew takes slices of its own, and the task goes on waiting.
+    if (is_wanted && !stretch_prepare(task, STRETCHES_AT_ONCE))
         return;
-    task->is_queued = false;
+    --g_queue.tasks.len;
+    if (task)
+        task->is_queued = false;
     // One that cannot be written is told by its writer and waits for the next segment.
-    if (task->must_sync_playlist && task->pprm_idx < 0)
+    if (is_wanted)
         mk_playlist(task);
 }
 

@@ -99,4 +99,22 @@ TEST_F(PlStretch, SaysWhatPlainTextSays) {
     }
 }
 
+TEST_F(PlStretch, ArePreparedAFewAtATime) {
+    pl_source *src = source();
+    append(src, std::vector<float>(8 * STRETCH_ITEMS + 1, 2));
+    pl_task task{};
+    task.src = src;
+    task.ifirst = oldest_item(src);
+    task.ilast = newest_item(src);
+    EXPECT_TRUE(stretch_prepare(&task, 1)) << "plain text needs none";
+    task.is_gzipped = true;
+    for (const char *prefix : {"a/", "b/"}) {
+        strcpy(g_cfg.pl_item_pfx, prefix);
+        int calls = 1;
+        while (!stretch_prepare(&task, 3) && calls < 9)
+            ++calls;
+        EXPECT_EQ(calls, 3) << prefix;
+    }
+}
+
 } // namespace

@@ -48,7 +48,7 @@ class Rui : public testing::Test {
         rqs_config config{};
         ASSERT_EQ(rqs_init(&config), 0);
         for (int type = 0; type < RUI_MAX; ++type)
-            rui_set_cb(type, {{"TRQ"}, new_rq, rm_rq, nullptr});
+            rui_set_cb(type, {{"TRQ"}, new_rq, rm_rq, nullptr, nullptr});
         for (int i = 0; i < 2; ++i) {
             rui_listener_cfg &lc = cfg.user[i];
             lc.is_valid = true;
