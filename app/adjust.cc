@@ -9,11 +9,17 @@
 
 LOG_UNIT(LOG_MOD_APP);
 
-// A time shift needs what lies before its start too: a player holds three target durations back from it.
+// Without its first item the list still holds the shift, and what players hold back.
 static bool has_time_to_spare(const pl_task *task) {
     double rest = task->window_sec - task->ifirst->duration;
-    return newer_item(task->ifirst) &&
-           rest >= static_cast<double>(task->shift_sec) + 3.0 * strict_target(task);
+    return newer_item(task->ifirst) && rest >= static_cast<double>(task->shift_sec) + hold_back_sec(task);
+}
+
+// A strict event from a clock time begins where it began, until that retires.
+static bool may_begin_later(const pl_task *task) {
+    if (task->tag.num == PL_EVE && (task->shift_sec == 0 || !task->peer_tag))
+        return task->shift_sec > 0;
+    return has_time_to_spare(task);
 }
 
 bool must_advance_ifirst(const pl_task *task) {
@@ -35,9 +41,8 @@ bool must_advance_ifirst(const pl_task *task) {
         LOG_FN(LL_DEBUG, "%s%u %zu..%zu (d=%zu max=%zu)\n", task->tag.sym, task->tseq, task->ifirst->mseq,
                task->ilast->mseq, d, g_cfg.max_live_items);
     }
-    // A strict event from a clock time begins where it began, until that retires.
-    if (must && task->is_strict && task->tag.num == PL_EVE)
-        must = task->shift_sec > 0 && (!task->peer_tag || has_time_to_spare(task));
+    if (must && task->is_strict)
+        must = may_begin_later(task);
     LOG_FN(LL_DEBUG, "%s%u %s\n", task->tag.sym, task->tseq, must ? "ADVANCE" : "skip");
     return must;
 }
@@ -82,7 +87,7 @@ static void move_window(pl_task *task, bool must_trim, bool is_pseudo_live, bool
 
 static void follow_newest(pl_task *task) {
     pl_item *newest = newest_item(task->src);
-    if (task->shift_sec > 0)
+    if (task->is_strict)
         for (const pl_item *item = task->ilast; item != newest; item = newer_item(item))
             task->window_sec += newer_item(item)->duration;
     task->ilast = newest;

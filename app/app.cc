@@ -37,7 +37,6 @@ LOG_UNIT(LOG_MOD_APP);
 static constexpr size_t PPRM_BLOCK = 16;
 static constexpr size_t TASK_BLOCK = 8;
 static constexpr size_t MIN_PLBK_SEC = 100; // of a source's own playback length
-static constexpr unsigned MAX_TARGET_SEC = 60;
 static constexpr size_t MAX_PLBK_SEC = INT64_MAX;
 static constexpr int TOO_MANY_SOURCES = -34;
 static constexpr int NAME_IS_CONNECTED = -16;

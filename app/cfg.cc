@@ -220,7 +220,7 @@ static int load_lock_mode(plum_cfg *cfg) {
 }
 
 static int load_additions(plum_cfg *cfg) {
-    if (load_seconds("lum.min_target_sec", &cfg->min_target_sec, 0, 0, 60) != 0 ||
+    if (load_seconds("lum.min_target_sec", &cfg->min_target_sec, 0, 0, MAX_TARGET_SEC) != 0 ||
         load_seconds("lum.keep_retired_sec", &cfg->keep_retired_sec, 0, 0, 604800) != 0 ||
         load_lock_mode(cfg) != 0 ||
         load_path(cfg, "lum.status_file", cfg->status_file, sizeof(cfg->status_file), "") != 0)

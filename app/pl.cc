@@ -50,16 +50,24 @@ static pl_task *publish_task(const char *caller, pl_task *task, ssize_t *shared_
     return task;
 }
 
+// The window of `items` is to hold one item more than the configured number.
+static bool wants_older(const pl_task *task, size_t items) {
+    return items <= g_cfg.max_live_items || (task->is_strict && task->window_sec < hold_back_sec(task));
+}
+
 pl_task *mk_live_task(pl_source *src, bool must_gzip) {
     pl_task *task = add_task(__func__, src, PL_LIV);
     if (!task)
         return nullptr;
     task->is_live = true;
     task->is_gzipped = must_gzip;
-    // The window holds one item more than the configured number.
     task->ilast = task->ifirst = newest_item(src);
-    for (size_t n = 0; n < g_cfg.max_live_items && task->ifirst && older_item(task->ifirst); ++n)
+    CHECK(task->ifirst);
+    task->window_sec = task->ifirst->duration;
+    for (size_t n = 1; wants_older(task, n) && older_item(task->ifirst); ++n) {
         task->ifirst = older_item(task->ifirst);
+        task->window_sec += task->ifirst->duration;
+    }
     return publish_task(__func__, task, &src->live_idx, "LIVE");
 }
 

@@ -45,7 +45,8 @@ inline constexpr size_t MAX_MANIFEST_PATH = 144;
 inline constexpr size_t MAX_URQ_TXT = 256;
 inline constexpr size_t MAX_CTAG_LEN = 32;
 inline constexpr size_t MAX_PEER_TAG = 49;
-inline constexpr uint32_t MAX_TSEQ = 999999; // task numbers run 1..MAX_TSEQ
+inline constexpr uint32_t MAX_TSEQ = 999999;   // task numbers run 1..MAX_TSEQ
+inline constexpr unsigned MAX_TARGET_SEC = 60; // least target durations that can be asked for
 
 // --- configuration ---
 
@@ -238,7 +239,7 @@ struct pl_task {
     unsigned min_target_sec; // ... with this target duration at least
     long shift_sec;          // the time shift that an event was asked for by, 0 = by clock time
     double lead_sec;   // of a strict event: media before the clock time asked for, negative once it left
-    double window_sec; // of a strict time shift: media in its window
+    double window_sec; // of a strict list: media in its window
 };
 static_assert(std::is_trivially_copyable_v<pl_task>);
 
@@ -380,6 +381,10 @@ inline size_t item_size(const pl_item *item) {
 // Target duration of a strict playlist.
 inline unsigned strict_target(const pl_task *task) {
     return std::max({task->src->target_sec, task->min_target_sec, 1U});
+}
+// What players hold back from the end of a strict list; a segment of absurd length makes no list endless.
+inline double hold_back_sec(const pl_task *task) {
+    return 3.0 * std::min(strict_target(task), MAX_TARGET_SEC);
 }
 inline pl_task *src_task(const pl_source *src, ssize_t idx) {
     return xvlst_at<pl_task>(src->tasks, static_cast<size_t>(idx));

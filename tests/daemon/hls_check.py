@@ -57,6 +57,7 @@ class Follower:
             assert now.first >= last.first and now.last >= last.last, "the window went back"
             assert not self.appends or now.first == last.first, "a list that appends lost its beginning"
             assert not self.appends or now.start == last.start, "its start moved"
+            assert now.first == last.first or round(now.sec, 3) >= 3 * now.target, f"{now.sec} s, target {now.target} s"
             assert not last.is_ended or now.__dict__ == last.__dict__, "it changed behind its end"
         for segment in (*now.segments.values(), *(last.segments.values() if last else ())):
             assert not self.root or os.path.exists(os.path.join(self.root, segment.uri)), f"{segment.uri} is missing"
