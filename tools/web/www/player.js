@@ -3,14 +3,19 @@
 
 const $ = id => document.getElementById(id);
 const video = $("video");
-const LIVE_EDGE = 10; // seconds: what is nearer to now is the live picture
+const LIVE_EDGE = 10; // seconds: what is nearer to now is the live picture; the slider's step
 const POLL_MS = 3000;
+const JUMP_MS = 400;
+const RETRY_MS = 2000;
+const DAY_SEC = 86400;
 const STATES = { live: "on air", waiting: "waiting", off: "off air" };
 
 let channels = [], grid = 10, clockSkew = 0;
 let watched = null; // the channel's name
 let mode = null; // {kind, label, url}
-let hls = null, retry = null;
+let hls = null, retry = null, jump = null;
+let mendedAt = 0; // when the player was last set up anew behind broken media
+let fault = ""; // what keeps it from playing
 
 // Everything the player complained about, and the segment that it plays, for whoever looks into the page.
 window.lumoErrors = [];
@@ -18,7 +23,13 @@ window.lumoSegment = "";
 
 const now = () => Date.now() / 1000 + clockSkew;
 const pad = n => String(n).padStart(2, "0");
-const clockText = sec => new Date(sec * 1000).toLocaleTimeString([], { hourCycle: "h23" });
+
+// The time of day, with the date where that alone would be read as today's.
+function clockText(sec) {
+  const at = new Date(sec * 1000), time = at.toLocaleTimeString([], { hourCycle: "h23" });
+  const isNear = Math.abs(now() - sec) < DAY_SEC / 2;
+  return isNear ? time : `${at.toLocaleDateString([], { month: "short", day: "numeric" })}, ${time}`;
+}
 
 function spanText(sec) {
   sec = Math.max(0, Math.round(sec));
@@ -32,10 +43,13 @@ function spanText(sec) {
 const isLive = channel => channel && channel.state === "live";
 const current = () => channels.find(c => c.name === watched);
 const held = channel => channel && channel.first ? Math.max(0, channel.last - channel.first) : 0;
+// The oldest segments go while one watches, so begin a little behind them.
+const oldest = channel => channel && channel.first ? channel.first + 2 * grid : 0;
 
 function fillCard(item, channel, longest) {
   item.className = `state-${channel.state}${channel.name === watched ? " current" : ""}`;
   item.querySelector("a").href = "#" + encodeURIComponent(channel.name);
+  item.querySelector("a").ariaCurrent = channel.name === watched ? "page" : null;
   item.querySelector(".name").textContent = channel.name;
   item.querySelector(".state").textContent = STATES[channel.state] || channel.state;
   item.querySelector(".strip i").style.width = `${longest ? 100 * held(channel) / longest : 0}%`;
@@ -68,7 +82,14 @@ async function poll() {
 // --- the player ---
 
 function say(text) {
-  $("message").textContent = text;
+  fault = text;
+  showMessage();
+}
+
+function showMessage() {
+  const isOff = watched && (!current() || current().state === "off");
+  const text = fault || (isOff ? "This channel has no producer at the moment." : "");
+  if ($("message").textContent !== text) $("message").textContent = text;
   $("message").hidden = !text;
 }
 
@@ -84,18 +105,24 @@ function onHlsError(_event, data) {
     reason: String(data.reason || (data.error && data.error.message) || "") });
   if (!data.fatal) return;
   const code = data.response && data.response.code;
-  if (data.type === "mediaError") {
+  if (data.type === "mediaError" && Date.now() - mendedAt > RETRY_MS) {
+    mendedAt = Date.now();
     hls.recoverMediaError();
-    return;
-  }
-  if (code === 404 && mode.next) {
+  } else if (code === 404 && mode.next) {
     mode.next();
-    return;
+  } else {
+    onFailure(code);
   }
-  say(code === 404 ? "Nothing of that time is there." : code === 429 ? "Too many events are watched from here."
+}
+
+function onFailure(code) {
+  const isPast = code === 404 && mode.kind !== "live"; // which does not come back by itself
+  say(isPast ? "Nothing of that time is there."
+    : code === 404 ? current() ? "Nothing is on the air; waiting for it." : "There is no such channel; waiting for it."
+    : code === 429 ? "Too many events are watched from your address; trying again."
     : "The stream is interrupted; trying again.");
-  // What belongs to the past does not come back by itself.
-  if (mode.kind === "live" || code !== 404) retry = setTimeout(() => load(mode.url), 2000);
+  clearTimeout(retry);
+  if (!isPast) retry = setTimeout(() => load(mode.url), RETRY_MS);
 }
 
 function load(url) {
@@ -117,6 +144,7 @@ function load(url) {
 }
 
 function play(kind, label, file) {
+  clearTimeout(jump);
   mode = { kind, label, url: `${encodeURIComponent(watched)}/${file}` };
   say("");
   load(mode.url);
@@ -133,8 +161,17 @@ function playLive() {
 function playBack(sec) {
   sec = Math.round(sec);
   if (sec < LIVE_EDGE) return playLive();
+  if (now() - sec < oldest(current())) return playBeginning(oldest(current()));
   $("slider").value = -sec;
   play("shift", `${spanText(sec)} behind`, `shift.m3u8?back=${sec}`);
+}
+
+// Every jump is an event of its own to the server: those that follow each other closely are one.
+function jumpBack(sec) {
+  $("slider").value = -sec;
+  showChosen();
+  clearTimeout(jump);
+  jump = setTimeout(() => playBack(-Number($("slider").value)), JUMP_MS);
 }
 
 function playEvent(start, duration) {
@@ -143,8 +180,7 @@ function playEvent(start, duration) {
   play("event", `from ${clockText(start)}`, file);
 }
 
-// The oldest segments go while one watches, so begin a little behind them; further behind where the list told of
-// more than is there.
+// Further behind where the list told of more than is there.
 function playBeginning(start, tries = 8) {
   playEvent(start);
   if (tries > 0) mode.next = () => playBeginning(start + 2 * grid, tries - 1);
@@ -153,17 +189,18 @@ function playBeginning(start, tries = 8) {
 function showTimeline() {
   const channel = current();
   if (!watched) return;
-  const span = channel && channel.first ? Math.max(60, now() - channel.first - grid) : 60;
-  $("slider").min = -Math.floor(span);
+  const steps = channel && channel.first ? Math.ceil((now() - channel.first) / LIVE_EDGE) : 1;
+  $("slider").min = -LIVE_EDGE * Math.max(steps, 1);
   $("oldest").textContent = channel && channel.first ? clockText(channel.first) : "";
+  $("beginning").disabled = !oldest(channel);
   showChosen();
-  if (!channel || channel.state === "off")
-    say("This channel has no producer at the moment.");
+  showMessage();
 }
 
 function showChosen() {
   const back = -Number($("slider").value);
-  $("chosen").textContent = back < LIVE_EDGE ? "live" : `${spanText(back)} back, ${clockText(now() - back)}`;
+  const text = back < LIVE_EDGE ? "live" : `${spanText(back)} back, ${clockText(now() - back)}`;
+  $("chosen").textContent = $("slider").ariaValueText = text;
 }
 
 // The picture's own time is known when the playlist tells it.
@@ -172,35 +209,46 @@ function showClock() {
   $("clock").textContent = date ? clockText(date.getTime() / 1000) : "";
 }
 
+function nameInUrl() {
+  try {
+    return decodeURIComponent(location.hash.slice(1));
+  } catch {
+    return "";
+  }
+}
+
 function open() {
-  const name = decodeURIComponent(location.hash.slice(1));
+  const name = nameInUrl();
   if (name === (watched || "")) return;
   watched = name || null;
   $("player").hidden = !watched;
   document.querySelector("main").classList.toggle("watching", Boolean(watched));
   document.title = watched ? `${watched} – lumo` : "lumo";
   showList();
+  clearTimeout(jump);
   if (!watched) return stopPlayer();
   $("title").textContent = watched;
-  const start = new Date((now() - 600) * 1000);
+  const start = new Date(Math.max(now() - 600, oldest(current()) + 60) * 1000); // in whole minutes
   start.setMinutes(start.getMinutes() - start.getTimezoneOffset(), 0, 0);
   $("from").value = start.toISOString().slice(0, 19);
   playLive();
 }
 
 $("slider").addEventListener("input", showChosen);
-$("slider").addEventListener("change", () => playBack(-Number($("slider").value)));
+$("slider").addEventListener("change", () => jumpBack(-Number($("slider").value)));
 $("live").addEventListener("click", playLive);
-$("back30").addEventListener("click", () => playBack(30 - Number($("slider").value)));
-$("back300").addEventListener("click", () => playBack(300 - Number($("slider").value)));
-$("beginning").addEventListener("click", () => {
-  const channel = current();
-  if (channel && channel.first) playBeginning(channel.first + 2 * grid);
-});
+$("back30").addEventListener("click", () => jumpBack(30 - Number($("slider").value)));
+$("back300").addEventListener("click", () => jumpBack(300 - Number($("slider").value)));
+$("beginning").addEventListener("click", () => playBeginning(oldest(current())));
 $("event").addEventListener("submit", event => {
   event.preventDefault();
-  playEvent(new Date($("from").value).getTime() / 1000, 60 * Number($("minutes").value));
+  const asked = new Date($("from").value).getTime() / 1000, duration = 60 * Number($("minutes").value);
+  const missing = Math.max(0, oldest(current()) - asked);
+  if (!duration || duration > missing) playEvent(asked + missing, duration && duration - missing);
+  else playEvent(asked, duration);
 });
+video.addEventListener("playing", () => say(""));
+video.addEventListener("error", () => { if (!hls && watched) onFailure(); });
 window.addEventListener("hashchange", open);
 setInterval(poll, POLL_MS);
 setInterval(showClock, 250);
