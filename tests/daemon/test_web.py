@@ -306,14 +306,13 @@ def test_crowds_and_bad_connections(chan):
 
 def test_trickling_connections_are_closed(fake):
     _, w = fake(lambda line: None, "--idle-tmout", "1")
-    slow = w.raw(b"GET /chan")
-    def is_closed():
+    def is_open(slow):
         try:
-            slow.sendall(b"x")
-            return False
+            return slow.sendall(b"x") is None
         except OSError:
-            return True
-    until(is_closed, "the end of the slow request", poke=lambda: time.sleep(0.1))
+            return False
+    slow = [w.raw(data) for data in (b"GET /chan", b"GET / HTTP/1.1\r\nHost: x\r\nContent-Length: 9999\r\n\r\n")]
+    until(lambda: not any(list(map(is_open, slow))), "the end of the slow requests", poke=lambda: time.sleep(0.1))
 
 def test_daemon_that_stops_hangs_and_comes_back(chan, web):
     d, src, segs, _ = chan

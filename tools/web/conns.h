@@ -8,7 +8,7 @@
 void conns_init(long idle_sec);
 // For the library's notices of connections.
 void conns_notify(void *cls, MHD_Connection *conn, void **context, MHD_ConnectionNotificationCode code);
-// A request's header is complete; its answer has been sent.
+// A request is complete, its body included; its answer has been sent.
 void conns_begin(MHD_Connection *conn);
 void conns_end(MHD_Connection *conn);
 // Closes those whose time is up.

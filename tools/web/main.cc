@@ -92,7 +92,7 @@ static void on_completed(void *cls, MHD_Connection *conn, void **state, MHD_Requ
 
 static MHD_Result on_request(void *cls, MHD_Connection *conn, const char *url, const char *method,
                              const char *version, const char *upload, size_t *upload_size, void **state) {
-    if (!*state)
+    if (*state && *upload_size == 0)
         conns_begin(conn);
     return routes_handle(cls, conn, url, method, version, upload, upload_size, state);
 }
