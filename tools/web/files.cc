@@ -180,18 +180,18 @@ void files_close() {
 static MHD_Result send_open(MHD_Connection *conn, route what, const std::string &path, int fd,
                             const struct stat &st, const char *type, const char *cache) {
     std::string etag = file_etag(st);
-    byte_range part = wanted_range(conn, st, etag);
-    unsigned status = part.kind == range_kind::part            ? MHD_HTTP_PARTIAL_CONTENT
+    bool is_known = is_unchanged(conn, st, etag);
+    byte_range part = is_known ? byte_range{range_kind::none, 0, 0} : wanted_range(conn, st, etag);
+    unsigned status = is_known                                 ? MHD_HTTP_NOT_MODIFIED
+                      : part.kind == range_kind::part          ? MHD_HTTP_PARTIAL_CONTENT
                       : part.kind == range_kind::unsatisfiable ? MHD_HTTP_RANGE_NOT_SATISFIABLE
                                                                : MHD_HTTP_OK;
-    if (is_unchanged(conn, st, etag))
-        status = MHD_HTTP_NOT_MODIFIED;
     uint64_t count = part.kind == range_kind::part ? part.count : static_cast<uint64_t>(st.st_size);
-    bool has_body = status == MHD_HTTP_OK || status == MHD_HTTP_PARTIAL_CONTENT;
-    if (!has_body)
+    bool is_empty = status == MHD_HTTP_RANGE_NOT_SATISFIABLE;
+    if (is_empty)
         close(fd);
     response_ptr response =
-        has_body ? reply_file(fd, part.first, count, type, cache) : reply_text("", type, cache);
+        is_empty ? reply_text("", type, cache) : reply_file(fd, part.first, count, type, cache);
     if (!response)
         return MHD_NO;
     reply_header(response, MHD_HTTP_HEADER_ETAG, etag);
@@ -199,7 +199,7 @@ static MHD_Result send_open(MHD_Connection *conn, route what, const std::string 
     reply_header(response, MHD_HTTP_HEADER_ACCEPT_RANGES, "bytes");
     if (status == MHD_HTTP_PARTIAL_CONTENT || status == MHD_HTTP_RANGE_NOT_SATISFIABLE)
         reply_header(response, MHD_HTTP_HEADER_CONTENT_RANGE, content_range(part, st));
-    if (has_body)
+    if (status == MHD_HTTP_OK || status == MHD_HTTP_PARTIAL_CONTENT)
         g_web_counts.body_bytes += count;
     MHD_Result result = reply_queue(conn, what, status, response.get());
     if (status == MHD_HTTP_OK && what == route::segment)

@@ -38,6 +38,7 @@ response_ptr reply_text(std::string_view text, const char *type = TYPE_TEXT, con
 response_ptr reply_file(int fd, uint64_t first, uint64_t count, const char *type, const char *cache);
 void reply_header(const response_ptr &response, const char *name, const std::string &value);
 
+// A status of 304 sends the header alone, with the length that the body has.
 MHD_Result reply_queue(MHD_Connection *conn, route what, unsigned status, MHD_Response *response);
 // The status with a line of text.
 MHD_Result reply_error(MHD_Connection *conn, route what, unsigned status, std::string_view text);

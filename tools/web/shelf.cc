@@ -112,7 +112,7 @@ static void settle_body(shelf_entry *entry, std::shared_ptr<const std::string> b
         snprintf(etag, sizeof(etag), "\"%016lx%s\"", static_cast<unsigned long>(text_hash(*body)),
                  is_gzip ? "-gz" : "");
         entry->is_gzip = is_gzip;
-        entry->stored = {std::move(body), etag, nullptr, nullptr};
+        entry->stored = {std::move(body), etag, nullptr};
         drop_plain(entry);
     }
 }
@@ -293,15 +293,14 @@ static const char *cache_control(shelf_entry *entry) {
     }
 }
 
-static response_ptr make_response(shelf_entry *entry, const shelf_form &form, bool is_whole, bool is_gzip) {
-    auto body = is_whole ? form.body : std::make_shared<const std::string>();
-    response_ptr response = reply_make(body, TYPE_M3U8, cache_control(entry));
+static response_ptr make_response(shelf_entry *entry, const shelf_form &form, bool is_gzip) {
+    response_ptr response = reply_make(form.body, TYPE_M3U8, cache_control(entry));
     if (!response)
         return response;
     reply_header(response, MHD_HTTP_HEADER_ETAG, form.etag);
     if (entry->is_gzip)
         reply_header(response, MHD_HTTP_HEADER_VARY, "Accept-Encoding");
-    if (is_gzip && is_whole)
+    if (is_gzip)
         reply_header(response, MHD_HTTP_HEADER_CONTENT_ENCODING, "gzip");
     return response;
 }
@@ -310,12 +309,11 @@ static MHD_Result send_form(shelf_entry *entry, MHD_Connection *conn, route what
                             bool is_gzip) {
     const char *tags = request_header(conn, MHD_HTTP_HEADER_IF_NONE_MATCH);
     bool is_unchanged = tags && text_has_etag(tags, form->etag);
-    response_ptr &response = is_unchanged ? form->unchanged : form->whole;
-    if (!response)
-        response = make_response(entry, *form, !is_unchanged, is_gzip);
+    if (!form->whole)
+        form->whole = make_response(entry, *form, is_gzip);
     if (!is_unchanged)
         g_web_counts.body_bytes += form->body->size();
-    return reply_queue(conn, what, is_unchanged ? MHD_HTTP_NOT_MODIFIED : MHD_HTTP_OK, response.get());
+    return reply_queue(conn, what, is_unchanged ? MHD_HTTP_NOT_MODIFIED : MHD_HTTP_OK, form->whole.get());
 }
 
 MHD_Result shelf_send(shelf_entry *entry, MHD_Connection *conn, route what) {

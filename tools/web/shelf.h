@@ -22,7 +22,7 @@ enum class shelf_kind { live, vod, event, moving_event, probe };
 struct shelf_form {
     std::shared_ptr<const std::string> body;
     std::string etag;
-    response_ptr whole, unchanged;
+    response_ptr whole;
 };
 
 struct shelf_entry {
