@@ -184,9 +184,14 @@ def test_events_and_sessions(chan, web):
 
 def test_silent_sessions_end(fake, tmp_path):
     (tmp_path / "p.m3u8").write_text("#EXTM3U\n")
-    d, w = fake(lambda line: f"text/M3U {tmp_path}/p.m3u8 ", "--session-tmout", "5", "--max-sessions", "1")
+    d, w = fake(lambda line: f"text/M3U {tmp_path}/p.m3u8 ", "--session-tmout", "5", "--max-sessions", "1",
+                "--client-header", "X-Forwarded-For")
     url = "/chan/shift.m3u8?back=50&session=abcdefg"
     assert (w.status(url + "1"), w.status(url + "2")) == (200, 429) and d.lines == ["EVE chan -50 0 peer=abcdefg1"]
+    # The proxy's word on who asks, and one network for one viewer.
+    for n, (viewer, status) in enumerate((("10.0.0.1", 200), ("10.0.0.2", 200), ("10.9.9.9, 10.0.0.1 ", 429), ("2001:db8::1", 200),
+                                          ("2001:db8::2", 429), ("2001:db8:0:1::1", 200), ("::ffff:127.0.0.1", 429), ("unknown", 200))):
+        assert w.status(f"{url[:-1]}{n}{n}", X_Forwarded_For=viewer) == status, viewer
     until(lambda: w.metric("lumo_web_sessions") == 0, "the silent session's end")
     assert w.status(url + "2") == 200
 

@@ -1,5 +1,6 @@
 #include "tools/web/routes.h"
 
+#include "lib/strops.h"
 #include "tools/web/channels.h"
 #include "tools/web/clock.h"
 #include "tools/web/metrics.h"
@@ -33,28 +34,46 @@ static char g_seen; // marks a request whose header has been read
 
 // --- who asks ---
 
-static std::string ip_text(const sockaddr *addr) {
-    char buf[INET6_ADDRSTRLEN] = "";
-    if (addr->sa_family == AF_INET) {
-        sockaddr_in in;
+// IPv4 addresses as IPv6 maps them.
+static in6_addr address_of(const sockaddr *addr) {
+    in6_addr out{};
+    sockaddr_in in;
+    sockaddr_in6 in6;
+    if (addr->sa_family == AF_INET6) {
+        memcpy(&in6, addr, sizeof(in6));
+        out = in6.sin6_addr;
+    } else if (addr->sa_family == AF_INET) {
         memcpy(&in, addr, sizeof(in));
-        inet_ntop(AF_INET, &in.sin_addr, buf, sizeof(buf));
-    } else if (addr->sa_family == AF_INET6) {
-        sockaddr_in6 in;
-        memcpy(&in, addr, sizeof(in));
-        memset(in.sin6_addr.s6_addr + 8, 0, 8); // one viewer has a network of addresses
-        inet_ntop(AF_INET6, &in.sin6_addr, buf, sizeof(buf));
+        out.s6_addr[10] = out.s6_addr[11] = 0xff;
+        memcpy(out.s6_addr + 12, &in.sin_addr, sizeof(in.sin_addr));
     }
-    return buf;
+    return out;
 }
 
-static std::string client_of(MHD_Connection *conn) {
+static std::string viewer_at(in6_addr addr) {
+    char buf[INET6_ADDRSTRLEN];
+    if (!IN6_IS_ADDR_V4MAPPED(&addr))
+        memset(addr.s6_addr + 8, 0, 8); // one viewer has a network of addresses
+    return inet_ntop(AF_INET6, &addr, buf, sizeof(buf)) ? buf : "?";
+}
+
+// Of a list that proxies have made, the last one's word counts: the others' may be the viewer's own.
+static std::string viewer_named(std::string_view list) {
+    list = strip_tail(list);
+    std::string text(list.substr(list.find_last_of(", \t") + 1).substr(0, 64));
+    in6_addr addr;
+    bool is_address = inet_pton(AF_INET6, ("::ffff:" + text).c_str(), &addr) == 1 ||
+                      inet_pton(AF_INET6, text.c_str(), &addr) == 1;
+    return is_address ? viewer_at(addr) : text;
+}
+
+static std::string viewer_of(MHD_Connection *conn) {
     const std::string &header = g_routes.opts->client_header;
     const char *named = header.empty() ? nullptr : request_header(conn, header.c_str());
     if (named && *named)
-        return std::string(named, strnlen(named, 64));
+        return viewer_named(named);
     auto info = MHD_get_connection_info(conn, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
-    return info ? ip_text(info->client_addr) : "?";
+    return info ? viewer_at(address_of(info->client_addr)) : "?";
 }
 
 // --- playlists ---
@@ -62,7 +81,8 @@ static std::string client_of(MHD_Connection *conn) {
 static MHD_Result serve_question(MHD_Connection *conn, void **state, route what, shelf_kind kind,
                                  const std::string &question) {
     shelf_entry *entry = nullptr;
-    switch (shelf_get(question, kind, client_of(conn), &entry)) {
+    bool is_event = kind == shelf_kind::event || kind == shelf_kind::moving_event;
+    switch (shelf_get(question, kind, is_event ? viewer_of(conn) : "", &entry)) {
     case shelf_result::ready:
         return shelf_send(entry, conn, what);
     case shelf_result::wait:

@@ -173,13 +173,12 @@ static shelf_result add_entry(const std::string &question, shelf_kind kind, cons
                               shelf_entry **entry) {
     if (g_shelf.entries.size() >= MAX_ENTRIES)
         return shelf_result::full;
-    bool is_event = kind == shelf_kind::event || kind == shelf_kind::moving_event;
-    if (is_event && !may_own(owner))
+    if (!may_own(owner))
         return shelf_result::too_many;
     auto made = std::make_unique<shelf_entry>();
     made->question = question;
     made->kind = kind;
-    made->owner = is_event ? owner : "";
+    made->owner = owner;
     made->touched_at = -TOUCH_MS;
     *entry = made.get();
     add_owned(made->owner, 1);

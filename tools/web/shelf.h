@@ -56,8 +56,9 @@ shelf_numbers shelf_count();
 bool shelf_has_woken();
 
 enum class shelf_result { ready, wait, full, too_many };
-// Looks a question up for a viewer at `owner`. ready: the entry can be served. wait: its answer is on the
-// way; shelf_suspend the request. full: there is no room. too_many: that address has all that it may have.
+// Looks a question up for a viewer at `owner` (empty: it counts for nobody). ready: the entry can be served.
+// wait: its answer is on the way; shelf_suspend the request. full: there is no room. too_many: that address
+// has all that it may have.
 shelf_result shelf_get(const std::string &question, shelf_kind kind, const std::string &owner,
                        shelf_entry **entry);
 // Suspends a request until the entry is answered. It stays until it is released.
