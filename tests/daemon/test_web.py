@@ -257,7 +257,7 @@ def test_page_list_metrics(chan, web, tmp_path):
     d, _, segs, _ = chan
     with open(d.path("data", "chan", "chan.manifest_live"), "w") as out:
         out.writelines(f"{i}: {seg.line()}\n" for i, seg in enumerate(segs))
-    sources = [(r'a\"b', 1, 600, 8), ("chan", 0, 60, 9), ("old", 1, 60, 99), ("~chan", 1, 1, 1)]
+    sources = [(r'a\"b\\xc3\\xa9', 1, 600, 8), ("chan", 0, 60, 9), ("old", 1, 60, 99), ("~chan", 1, 1, 1)]
     (tmp_path / "status").write_text("lumo_up 1\nlumo_source_held_seconds 1\nlumo_source_x{source=\"\n" + "".join(
         f'lumo_source_{key}{{source="{name}"}} {value}\n' for name, *values in sources
         for key, value in zip(("connected", "held_seconds", "newest_segment_age_seconds"), values)))
@@ -267,7 +267,7 @@ def test_page_list_metrics(chan, web, tmp_path):
     assert w.status("/status") == 404
     now = int(os.stat(tmp_path / "status").st_mtime)
     assert json.loads(w.ask("/channels.json").body)["channels"] == [
-        {"name": 'a"b', "state": "live", "first": now - 608, "last": now - 8},
+        {"name": 'a"bé', "state": "live", "first": now - 608, "last": now - 8},
         {"name": "chan", "state": "off", "first": now - 69, "last": now - 9},
         {"name": "old", "state": "waiting", "first": now - 159, "last": now - 99}]
     metrics = w.ask("/metrics").body

@@ -117,6 +117,19 @@ struct source_metric {
     double value;
 };
 
+// The daemon tells what is not ASCII as "\xc3".
+static std::string plain_name(std::string_view label) {
+    std::string name;
+    unsigned byte = 0;
+    for (size_t i = 0; i < label.size(); ++i) {
+        std::string escape(label.substr(i, 4));
+        bool is_byte = escape.size() == 4 && sscanf(escape.c_str(), "\\x%2x", &byte) == 1;
+        name.push_back(is_byte ? static_cast<char>(byte) : label[i]);
+        i += is_byte ? 3 : 0;
+    }
+    return name;
+}
+
 // Quotes and backslashes of a label stand behind a backslash.
 static bool read_label(std::string_view *rest, std::string *label) {
     if (!rest->starts_with(LABEL))
@@ -139,9 +152,10 @@ static bool parse_metric(std::string_view line, source_metric *one) {
     line.remove_prefix(PREFIX.size());
     one->name = line.substr(0, line.find('{'));
     line.remove_prefix(one->name.size());
-    one->source.clear();
-    if (!read_label(&line, &one->source) || !line.starts_with("} "))
+    std::string label;
+    if (!read_label(&line, &label) || !line.starts_with("} "))
         return false;
+    one->source = plain_name(label);
     std::string value(line.substr(2));
     return sscanf(value.c_str(), "%lf", &one->value) == 1;
 }
