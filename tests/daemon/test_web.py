@@ -98,7 +98,7 @@ def web(request):
 @pytest.fixture
 def chan(lumo, web):
     """A daemon with ten minutes of segments, and a front end before it."""
-    d = lumo(refresh_playlists=True)
+    d = lumo(refresh_playlists=True, log={"hangups": "debug"})
     src = d.source(start=int(time.time()) - 600)
     segs = src.feed(60, dur=10.0)
     return d, src, segs, web(d.dir, d.data, d.pl_sock)
@@ -323,7 +323,7 @@ def test_trickling_connections_are_closed(fake):
 def test_daemon_that_stops_hangs_and_comes_back(chan, web):
     d, src, segs, _ = chan
     w = web(d.dir, d.data, d.pl_sock, "--grace", "90")
-    assert w.status("/healthz") == w.status("/chan/live.m3u8") == 200
+    assert w.status("/healthz") == w.status("/chan/live.m3u8") == 200 and "(ERR)" not in d.log_text()
     os.kill(d.pid, signal.SIGSTOP)
     try:
         begun = time.monotonic()

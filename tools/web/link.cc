@@ -114,7 +114,13 @@ static opened connect_daemon() {
     return opened::yes;
 }
 
+static bool is_probing() {
+    return !g_link.queue.empty() && g_link.queue.front().text == LINK_PROBE;
+}
+
 static bool send_first() {
+    if (is_probing())
+        return g_link.is_sent = shutdown(g_link.fd, SHUT_WR) == 0;
     std::string line = "T" + std::to_string(++g_link.seq) + " " + g_link.queue.front().text + "\n";
     ssize_t n = send(g_link.fd, line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     g_link.is_sent = n == static_cast<ssize_t>(line.size());
@@ -177,16 +183,14 @@ static link_answer parse_answer(std::string_view line) {
     return {200, is_gzip, std::string(line)};
 }
 
-static void on_line(std::string_view line) {
-    link_answer answer = parse_answer(line);
+static void on_answer(const link_answer &answer) {
     g_link.input.clear();
     g_link.last_use = clock_ms();
     tell_back();
     // The daemon closes the connection behind an error.
-    if (answer.status != 200) {
-        ++g_link_counts.refused;
+    if (answer.status != 200 || is_probing())
         disconnect();
-    }
+    g_link_counts.refused += answer.status != 200;
     finish(answer);
     pump();
 }
@@ -198,6 +202,10 @@ void link_on_event(bool is_error) {
     ssize_t n = recv(g_link.fd, buf, sizeof(buf), MSG_DONTWAIT);
     if (n < 0 && errno == EAGAIN && !is_error)
         return;
+    if (n == 0 && g_link.is_sent && is_probing()) {
+        on_answer({200, false, ""});
+        return;
+    }
     if (n <= 0 || !g_link.is_sent) {
         on_broken();
         return;
@@ -206,8 +214,7 @@ void link_on_event(bool is_error) {
     size_t end = g_link.input.find('\n');
     if (end == std::string::npos && g_link.input.size() < CUT_ANSWER)
         return;
-    std::string line = g_link.input.substr(0, end);
-    on_line(line);
+    on_answer(parse_answer(g_link.input.substr(0, end)));
 }
 
 static void expire_questions() {

@@ -29,7 +29,10 @@ void link_init(const std::string &socket_path, long answer_ms);
 // Fails what is still open, with 503.
 void link_close();
 
-// Puts a question, such as "LIV tv"; `done` is called once, never from inside this call.
+// Puts a question, such as "LIV tv"; `done` is called once, never from inside this call. LINK_PROBE asks for
+// a sign of life: it is 200 without a text when the daemon hangs up because this end has, of which the daemon
+// makes no error.
+inline constexpr char LINK_PROBE[] = "";
 void link_ask(std::string_view question, link_done done, void *arg);
 
 // The loop's part: an event on the record `link_udata`, the passing of time, and when that is wanted next

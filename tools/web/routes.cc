@@ -203,18 +203,14 @@ static MHD_Result serve_metrics(MHD_Connection *conn) {
     return reply_queue(conn, route::metrics, MHD_HTTP_OK, response.get());
 }
 
-// Any answer, also that there is no such channel, is a sign of life.
 static MHD_Result send_health(MHD_Connection *conn, const shelf_entry *entry) {
-    bool is_well = entry->status < 500;
-    std::string text = is_well ? "ok\n" : entry->fault + "\n";
-    response_ptr response = reply_text(text);
-    return reply_queue(conn, route::health, is_well ? 200 : static_cast<unsigned>(entry->status),
-                       response.get());
+    response_ptr response = reply_text((entry->status == 200 ? "ok" : entry->fault) + "\n");
+    return reply_queue(conn, route::health, static_cast<unsigned>(entry->status), response.get());
 }
 
 static MHD_Result serve_health(MHD_Connection *conn, void **state) {
     shelf_entry *entry = nullptr;
-    switch (shelf_get("LIV lumo-web.health", shelf_kind::probe, "", &entry)) {
+    switch (shelf_get(LINK_PROBE, shelf_kind::probe, "", &entry)) {
     case shelf_result::ready:
         return send_health(conn, entry);
     case shelf_result::wait:

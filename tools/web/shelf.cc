@@ -122,7 +122,7 @@ static void ask(shelf_entry *entry);
 static void on_answer(void *arg, const link_answer &answer) {
     auto entry = static_cast<shelf_entry *>(arg);
     entry->is_asking = false;
-    if (answer.status != 200) {
+    if (answer.status != 200 || entry->kind == shelf_kind::probe) {
         settle_fault(entry, answer.status, answer.text);
         return;
     }
