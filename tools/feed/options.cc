@@ -192,7 +192,7 @@ static options_result read_config(const char *path, feed_options *opts) {
              load_config_str("lum.data_dir", dir, sizeof(dir) - 1, opts->data_dir.c_str());
     config_close();
     if (rc != 0) {
-        fprintf(stderr, "%s: cannot use the configuration [%s]\n", PROGRAM, path);
+        fprintf(stderr, "%s: cannot use the configuration [%s]; lumo-conf tells why\n", PROGRAM, path);
         return OPTIONS_FAILED;
     }
     opts->socket = socket;
