@@ -23,7 +23,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <unistd.h>
 
 LOG_UNIT(LOG_MOD_APP);
@@ -423,16 +422,6 @@ static int run() {
         return rc;
     LOG(LL_NORM, "%s has been asked to quit.\n", APP_NAME);
     return 0;
-}
-
-// Started with a closed standard descriptor, the log or a socket would take its number, and with it every
-// stray message.
-static void occupy_standard_descriptors() {
-    int fd = 0;
-    while (fd >= 0 && fd <= STDERR_FILENO)
-        fd = open("/dev/null", O_RDWR);
-    if (fd >= 0)
-        close(fd);
 }
 
 int main(int argc, char **argv) {

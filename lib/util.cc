@@ -23,6 +23,14 @@ LOG_UNIT(LOG_MOD_APP);
 
 // --- process ---
 
+void occupy_standard_descriptors() {
+    int fd = 0;
+    while (fd >= 0 && fd <= STDERR_FILENO)
+        fd = open("/dev/null", O_RDWR);
+    if (fd >= 0)
+        close(fd);
+}
+
 // Puts each of the standard descriptors first..last on /dev/null.
 static int put_on_null(const char *caller, int first, int last) {
     const int fd = W_open(caller, "/dev/null", O_RDWR, 0);

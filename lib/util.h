@@ -16,6 +16,9 @@
 // Detaches: fork, new session, "/", file-creation mask 0, fork again. Standard input and output end up on
 // /dev/null; standard error stays for the log. The parents exit with status 0.
 int daemonize();
+// For the start: a standard descriptor that is closed is put on /dev/null. The log or a socket would take its
+// number otherwise, and with it every stray message.
+void occupy_standard_descriptors();
 // Puts standard error on /dev/null, so that its number is never free.
 int close_stderr();
 // Duplicates `path` (not created) onto standard output and error. -1 open, -2 or -3 duplication failed.

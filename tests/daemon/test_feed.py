@@ -243,10 +243,11 @@ def test_an_encoder_that_dies_or_hangs(lumo):
     (["-n", "a/b"], ["-i", "x"], 2, "cannot be called [a/b]"),
     (["-d", "99"], ["-i", "x"], 2, "--depth wants a whole number from 100"),
     ([], [], 2, "nothing to feed"),
+    (["-l"], [], 0, "0 segments"),
     (["-a", "/nowhere/args"], [], 1, "cannot read [/nowhere/args]"),
 ])
 def test_ends(lumo, args, ffmpeg, code, words):
-    feed = Feeder(lumo(), *args, ffmpeg=ffmpeg)
+    feed = Feeder(lumo(), *args, ffmpeg=ffmpeg, preexec_fn=lambda: os.close(0))
     assert feed.proc.wait(LIMIT) == code and words in feed.text(), feed.text()
 
 def test_arguments_from_a_file(lumo):

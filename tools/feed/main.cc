@@ -1,4 +1,5 @@
 // Feeds a channel: an encoder or a list of segments on one side, the daemon on the other.
+#include "lib/util.h"
 #include "tools/feed/options.h"
 #include "tools/feed/say.h"
 #include "tools/feed/session.h"
@@ -58,6 +59,7 @@ static int run(session *self, int signal_fd) {
 }
 
 int main(int argc, char **argv) {
+    occupy_standard_descriptors();
     static feed_options opts;
     switch (options_read(argc, argv, &opts)) {
     case OPTIONS_DONE:

@@ -194,6 +194,7 @@ static void stop() {
 }
 
 int main(int argc, char **argv) {
+    occupy_standard_descriptors();
     init_log();
     int code = options_read(argc, argv, &g_web.opts);
     if (code != OPTIONS_GO)
