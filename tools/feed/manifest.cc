@@ -74,13 +74,12 @@ static void tell_failure(manifest *mft, const char *what, int err) {
 // --- writing anew ---
 
 // What is kept of the manifest, and its counters on the way. Entries start behind the limit, and not with a
-// discontinuity.
-static std::string kept_text(manifest *mft, time_t limit) {
-    std::string text;
+// discontinuity. False when there is more than can be read.
+static bool kept_text(manifest *mft, time_t limit, std::string *text) {
     mft->oldest = 0;
     FILE *fp = fopen_regular(mft->path.c_str());
     if (!fp)
-        return text;
+        return errno == ENOENT;
     char buf[MAX_LINE + 2];
     std::string_view line;
     entry one;
@@ -92,10 +91,11 @@ static std::string kept_text(manifest *mft, time_t limit) {
             continue;
         if (mft->oldest == 0)
             mft->oldest = one.start_tm;
-        text.append(line) += '\n';
+        text->append(line) += '\n';
     }
+    bool is_whole = !ferror(fp);
     fclose(fp);
-    return text;
+    return is_whole;
 }
 
 static bool write_all(int fd, std::string_view text) {
@@ -112,7 +112,11 @@ static bool write_all(int fd, std::string_view text) {
 
 // The new file is locked before it has the name: nobody else can get in between.
 static bool rewrite(manifest *mft, time_t now) {
-    std::string text = kept_text(mft, now - mft->depth_sec);
+    std::string text;
+    if (!kept_text(mft, now - mft->depth_sec, &text)) {
+        tell_failure(mft, "read", errno);
+        return false;
+    }
     std::string fresh = mft->path + ".new";
     fd_guard out(open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644));
     if (out.fd < 0 || flock(out.fd, LOCK_EX | LOCK_NB) != 0 || !write_all(out.fd, text) ||
