@@ -350,8 +350,8 @@ int rui_accept(rui_socket_ctx *srv, size_t max_accept, int flags, void *data) {
             char room[128];
         } addr{};
         socklen_t len = sizeof(addr);
-        errno = EAGAIN;
         bool is_end = tries > 0 && look_around(srv, taken); // the first is what the event told of
+        errno = EAGAIN;                                     // whatever serving has left there
         int fd = is_end ? -1 : W_accept4(__func__, srv->sockfd, &addr.sa, &len, SOCK_NONBLOCK);
         if (fd >= 0) {
             bool is_taken = take_connection(srv, fd, &addr.sa, len, flags, data);
