@@ -5,7 +5,7 @@
 
 namespace {
 
-// Strict or not: which items a live window holds does not depend on it, and no kind's may outlive them.
+// Strict or not: a live window that is long enough holds the same items, and no kind's may outlive them.
 class Adjust : public App, public ::testing::WithParamInterface<bool> {
     void SetUp() override {
         App::SetUp();

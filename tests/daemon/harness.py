@@ -90,6 +90,12 @@ class Daemon:
         with open(self.conf, "w") as out:
             out.write(f"lum: {libconfig(self.settings)};\n")
 
+    def reload(self, **settings):
+        since = self.mark()
+        self.write_config(**settings)
+        self.proc.send_signal(signal.SIGHUP)
+        self.wait_log("Configuration reloaded", since=since)
+
     # --- life ---
 
     def launch(self, *args, **popen):

@@ -50,7 +50,7 @@ def test_deletions_survive_the_source_and_a_clean_end(make):
     again.count = 50
     began = time.monotonic()
     late = again.feed(4, dur=10.0)
-    d.write_config(src_tmout_sec=1)
+    d.reload(src_tmout_sec=1)
     again.sock.close()
     d.wait_log(r"removed 1 source\(s\)", poke=True)
     gone(d, [seg.full for seg in segs[1:3]], poke=False)  # nothing else wakes the daemon up

@@ -3,7 +3,6 @@ import datetime
 import glob
 import json
 import os
-import signal
 import subprocess
 import time
 
@@ -128,10 +127,7 @@ def test_switched_by_reloads(lumo):
     requests = ["LIV chan", f"EVE chan {channel.begin + 33} 0", "EVE chan -50 0 peer=a"]
     for is_strict in (False, True):
         olds = [channel.look(request) for request in requests[:3]]
-        d.write_config(strict_hls=is_strict, min_target_sec=20)
-        since = d.mark()
-        d.proc.send_signal(signal.SIGHUP)
-        d.wait_log("Configuration reloaded", since=since)
+        d.reload(strict_hls=is_strict, min_target_sec=20)
         channel.feed(1)
         for request, old in zip(requests, olds):
             assert channel.look(request).last == old.last + 1, "what was strict stays so"

@@ -1,5 +1,4 @@
 """Meta-data reports over UDP."""
-import signal
 import socket
 
 import pytest
@@ -20,12 +19,6 @@ def settings(sock, **extra):
     url = f"udp://127.0.0.1:{sock.getsockname()[1]}"
     return {"enabled": True, "pub_url": url, "src_base": "base", "lid": lid, **extra}
 
-def reload(d, **md_report):
-    count = d.log_text().count("Configuration reloaded")
-    d.write_config(md_report=md_report)
-    d.proc.send_signal(signal.SIGHUP)
-    d.wait_log("Configuration reloaded", count=count + 1)
-
 def test_reports_and_their_ids(lumo, listener):
     d = lumo(md_report=settings(listener))
     src = d.source(params=f"max_sec=150 data_dir={d.data}")
@@ -43,7 +36,7 @@ def test_reload_changes_reports(lumo, listener):
     src = d.source()
     src.feed(1)
     assert listener.recv(2000).startswith(b"#!pfx-2 /src/base/")
-    reload(d, **settings(listener, lid={"prefix": "new", "min": 10, "max": 11}, src_base="other"))
+    d.reload(md_report=settings(listener, lid={"prefix": "new", "min": 10, "max": 11}, src_base="other"))
     src.feed(3)
     assert [listener.recv(2000)[:22] for _ in range(3)] == [b"#!new-%d /src/other/ch" % n for n in (11, 10, 11)]
 
@@ -51,7 +44,7 @@ def test_reload_enables_reports_without_a_reporter(lumo, listener):
     d = lumo()
     src = d.source()
     src.feed(1)
-    reload(d, **settings(listener))
+    d.reload(md_report=settings(listener))
     src.feed(2)
     listener.setblocking(False)
     with pytest.raises(BlockingIOError):

@@ -75,9 +75,7 @@ def test_an_idle_daemon_writes_and_a_reload_ends_it(watched):
     assert passes[0] < passes[1] <= passes[0] + 4 + 2 * (time.monotonic() - begun)
     assert d.log_text().count("cannot be written") == d.log_text().count("is written again") == 1
     assert os.stat(d.settings["status_file"]).st_mode & 0o777 == 0o644
-    d.write_config(status_file="")
-    d.proc.send_signal(1)
-    d.wait_log("Configuration reloaded")
+    d.reload(status_file="")
     assert os.listdir(d.path("later")) == ["status"]
     os.unlink(d.path("later", "status"))
     with pytest.raises(AssertionError):
