@@ -13,15 +13,9 @@
 TEST(Strops, Numbers) {
     const std::string digits(63, '1');
     const std::tuple<std::string, int, double> doubles[] = {
-        {"1.5M", 0, 1572864},
-        {"10KB", 0, 10240},
-        {"-3k", 0, -3072},
-        {"3T", -5, 0},
-        {"1e5", -5, 0},
-        {"10K ", -5, 0},
-        {"1.2.3M", -4, 0},
-        {digits + "1K", -3, 0},
-        {digits + "K", 0, 1024 * strtod(digits.c_str(), nullptr)}};
+        {"1.5M", 0, 1572864},   {"-3k", 0, -3072},
+        {"3T", -5, 0},          {"1.2.3M", -4, 0},
+        {digits + "1K", -3, 0}, {digits + "K", 0, 1024 * strtod(digits.c_str(), nullptr)}};
     for (const auto &[text, rc, wanted] : doubles) {
         double value = 0;
         EXPECT_EQ(a2double(text.c_str(), &value), rc) << text;
@@ -30,11 +24,9 @@ TEST(Strops, Numbers) {
     const std::tuple<int (*)(const char *, int64_t *), const char *, int, int64_t> integers[] = {
         {a2size, "-1.9k", 0, -1945},
         {a2size, "10000000000000000000", -2, 77},
-        {a2size, "-10000000000G", -2, 77},
         {a2size, "9223372036854775808", 0, INT64_MAX}, // the limit itself does not overflow
         {a2int64, "-9223372036854775808 ", 0, INT64_MIN},
         {a2int64, "9223372036854775808", -2, 77},
-        {a2int64, "10K", -5, 77},
         {a2int64, "", -4, 77}};
     for (const auto &[convert, text, rc, wanted] : integers) {
         int64_t value = 77;
