@@ -89,12 +89,17 @@ void discard_forget(pl_source *src, const char *path) {
         drop_if(queue, [path](const char *name) { return strcmp(name, path) == 0; });
 }
 
+// Whoever made the file may have deleted it meanwhile.
+static bool delete_late(const char *path) {
+    return unlink(path) == 0 || (errno != ENOENT && delete_file("discard_next_due", path) == 0);
+}
+
 bool discard_next_due(pl_source *src) {
     discard_queue *queue = src ? &src->discards : &g_orphans;
     if (!queue->first || queue->first->due > loop_sec())
         return false;
     LOG_FN(LL_DEBUG, "removing [%s]\n", queue->first->path);
-    bool is_gone = delete_file(__func__, queue->first->path) == 0;
+    bool is_gone = delete_late(queue->first->path);
     if (src)
         src->counts.deleted += is_gone;
     drop_first(queue);

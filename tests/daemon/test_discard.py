@@ -22,9 +22,11 @@ def test_files_outlive_their_listing(lumo):
     began = time.monotonic()
     segs += src.feed(2, dur=10.0)
     assert {d.ask(request).error for request in (ended, ending)} == {(404, "no data for the event")}
+    os.unlink(segs[0].full)  # by who made it
     leaving = [seg.full for seg in segs[:2]] + lists + [path + ".alk" for path in lists]
     gone(d, leaving)
     assert not is_early(began) and all(seg.exists() for seg in segs[2:])
+    assert "unlink(" not in d.log_text()
 
 def test_deletions_survive_the_source_and_a_clean_end(make):
     """But for what the next daemon lists again, or makes under the same name."""
