@@ -46,6 +46,16 @@ TEST(Clock, ArrivalTimesDoNotMatterUntilTheStreamHasDrifted) {
                               {16, 20, 16 * 90000, 25, false, 21}});
 }
 
+TEST(Clock, WhatTheEncoderLookedAtFirstIsCaughtUpWith) {
+    play({.segment_sec = 2}, {{0, 2, 90000, 5, true, 3},
+                              {2, 4, 3 * 90000, 5, false, 4},
+                              {4, 6, 5 * 90000, 6, false, 5},
+                              {6, 8, 7 * 90000, 8, false, 7},
+                              {8, 10, 9 * 90000, 10, false, 9},
+                              {10, 12, 11 * 90000, 12, false, 11},
+                              {12, 14, 13 * 90000, 12, false, 13}}); // the encoder does not begin here
+}
+
 TEST(Clock, AStreamFromThePastRunsUntilItArrives) {
     stream_clock clock{.segment_sec = 4, .ago = 100};
     play(clock, {{0, 4, 90000, 1, true, -100},

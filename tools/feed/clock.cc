@@ -10,6 +10,7 @@ static constexpr double MAX_GAP =
 static constexpr double WRAP_SEC = static_cast<double>(TS_WRAP) / TS_HZ;
 static constexpr double ABSURD_SEC = 600; // and more than ten nominal lengths
 static constexpr int MAX_DRIFTED = 3;
+static constexpr double MAX_LOOK = 5; // seconds that an encoder looks at its input before it begins
 
 void clock_restart(stream_clock *clock, double now) {
     if (clock->run_began != 0)
@@ -44,7 +45,19 @@ static bool do_stamps_go_on(const stream_clock *clock, double start, int64_t raw
     return gap <= MAX_GAP && gap >= -MAX_GAP - late;
 }
 
+// What came in while the encoder looked at its input leaves it all at once, and the first segment late.
+static bool catches_up(stream_clock *clock, double end, double duration, double now) {
+    double early = clock->anchor + end - now;
+    bool is_early = early > std::min(MAX_GAP, duration / 2);
+    double step = is_early ? std::min({early, clock->may_be_late, duration / 2}) : 0;
+    clock->anchor -= step;
+    clock->may_be_late = is_early ? clock->may_be_late - step : 0;
+    return step > 0;
+}
+
 static bool has_drifted(stream_clock *clock, double end, double duration, double now) {
+    if (catches_up(clock, end, duration, now))
+        return false;
     double drift = now - (clock->anchor + end);
     double limit = std::max(clock->segment_sec, duration);
     if (clock->is_arriving) {
@@ -73,6 +86,7 @@ static const char *reason_to_break(stream_clock *clock, double start, double dur
 static void set_anchor(stream_clock *clock, double end, double now) {
     bool is_from_past = !clock->is_anchored && clock->ago > 0;
     clock->anchor = is_from_past ? clock->run_began - clock->ago : now - end;
+    clock->may_be_late = clock->is_anchored || is_from_past ? 0 : MAX_LOOK;
     clock->is_arriving = is_from_past;
     clock->is_anchored = true;
     clock->unwrapped = 0;

@@ -9,6 +9,9 @@
 //  - stream and wall clock are more than a segment apart, three segments in a row, so that a hiccup of the
 //    machine does not count.
 //
+// A first segment that came late, since the encoder looks at its input for some seconds, is made up for: the
+// anchor goes back, by half a segment at most, with those behind it.
+//
 // A stream that begins in the past (`ago`) may run towards the wall clock at any pace; the last rule holds
 // from when it has arrived.
 #pragma once
@@ -23,6 +26,7 @@ struct stream_clock {
     bool is_anchored = false;      // false at the beginning of a run
     bool is_arriving = false;      // on the way from the past to the wall clock
     double anchor = 0;             // wall clock of the stream's time zero
+    double may_be_late = 0;        // seconds that the anchor may still go back
     double unwrapped = 0;          // added to the stream's times
     double start = 0, end = 0;     // of the last segment, unwrapped
     int64_t raw_pts = -1;          // of the last segment
