@@ -114,7 +114,7 @@ static void send_entry(feeder *feed, const seg_entry &entry) {
     link_send(&feed->link, entry.line);
 }
 
-// A discontinuity without a start time would count as too old.
+// Entries leave the manifest by their start times, a discontinuity's too.
 static void note_entry(feeder *feed, const seg_entry &entry) {
     time_t now = static_cast<time_t>(wall_now());
     if (entry.is_break && mft_has_entries(feed->mft))

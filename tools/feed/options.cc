@@ -252,6 +252,10 @@ static options_result check_dir(feed_options *opts) {
 
 static options_result check_source(const feed_options &opts) {
     bool has_args = !opts.encoder_args.empty();
+    if (opts.channel.empty()) {
+        fprintf(stderr, "%s: no channel is named\nTry '%s --help'.\n", PROGRAM, PROGRAM);
+        return OPTIONS_WRONG;
+    }
     if (opts.mode == FEED_ENCODER && !has_args)
         return refuse("nothing to feed to", opts.channel,
                       "(say it in ffmpeg's arguments behind \"--\", or --test, or --list)");

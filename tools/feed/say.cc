@@ -53,7 +53,7 @@ void say_state(const std::string &line) {
     winsize size{};
     unsigned columns =
         ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1 ? size.ws_col : DEFAULT_COLUMNS;
-    g_say.state = line.substr(0, columns - 1);
+    g_say.state = (g_say.channel + ": " + line).substr(0, columns - 1);
     put(CLEAR_LINE + g_say.state);
 }
 

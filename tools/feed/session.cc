@@ -325,8 +325,8 @@ std::string session_state_text(const session &self) {
     if (took > 0)
         snprintf(speed, sizeof(speed), ", %.2f x real time", media / took);
     char text[256];
-    snprintf(text, sizeof(text), "%s %s, %02ld:%02ld:%02ld, %ld segments, last %.1f MB%s",
-             self.feed.opts->channel.c_str(), link_word(self), sec / 3600, sec / 60 % 60, sec % 60,
-             self.feed.segments, static_cast<double>(self.feed.last_size) / 1e6, speed);
+    snprintf(text, sizeof(text), "%s, %02ld:%02ld:%02ld, %ld segments, last %.1f MB%s", link_word(self),
+             sec / 3600, sec / 60 % 60, sec % 60, self.feed.segments,
+             static_cast<double>(self.feed.last_size) / 1e6, speed);
     return text;
 }
