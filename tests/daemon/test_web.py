@@ -146,7 +146,8 @@ def test_playlists(chan):
 def test_locks_are_touched_while_watched(lumo, web):
     d = lumo(task_tmout_sec=4)
     d.source(params=f"max_sec=3600 data_dir={d.data}").feed(3)
-    w = web(d.dir, d.data, d.pl_sock)
+    os.symlink(d.data, d.path("link"))
+    w = web(d.dir, d.path("link"), d.pl_sock)
     w.ask("/chan/live.m3u8")
     lock, = d.files("*.alk")
     node, begun = os.stat(lock).st_ino, time.monotonic()
@@ -280,6 +281,8 @@ def test_page_list_metrics(chan, web, tmp_path):
         {"name": "chan", "state": "live", "first": segs[0].start, "last": segs[-1].start + 10}]
 
 def test_crowds_and_bad_connections(chan):
+    other = subprocess.run([WEB, "-d", chan[0].data, "-p", str(chan[3].port)], capture_output=True, timeout=LIMIT)
+    assert other.returncode == 1 and b"cannot listen" in other.stderr, "one front end has the port"
     d, _, segs, w = chan
     idle = [w.raw() for _ in range(1000)]
     halves = [w.raw(data) for data in (b"GET /chan/li", b"GET /chan/live.m3u8 HTTP/1.1\r\nHost: x\r\n", b"\r\n\r\n", b"\0\0\0",

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <linux/openat2.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -60,9 +61,16 @@ static int open_beneath(int dir, const char *path) {
     return static_cast<int>(syscall(SYS_openat2, dir, path, &how, sizeof(how)));
 }
 
+static int open_root(file_root *root) {
+    int fd = open(root->dir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    std::error_code err;
+    root->real = fd < 0 ? "" : std::filesystem::canonical(root->dir, err).string();
+    return fd;
+}
+
 int root_open(file_root *root, const std::string &dir) {
     root->dir = dir;
-    root->fd = open(dir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    root->fd = open_root(root);
     if (root->fd < 0) {
         fprintf(stderr, "lumo-web: cannot open the directory [%s]: %s\n", dir.c_str(), strerror(errno));
         return -1;
@@ -80,7 +88,7 @@ static bool reopen_root(file_root *root) {
     struct stat st;
     if (fstat(root->fd, &st) == 0 && st.st_nlink > 0)
         return false;
-    int fd = open(root->dir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    int fd = open_root(root);
     if (fd < 0)
         return false;
     root_close(root);

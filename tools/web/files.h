@@ -9,6 +9,7 @@
 
 struct file_root {
     std::string dir;
+    std::string real; // the same directory without links
     int fd = -1;
 };
 

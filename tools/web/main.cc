@@ -18,13 +18,14 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <sys/socket.h>
 #include <unistd.h>
 
 LOG_UNIT(LOG_MOD_APP);
 
 static constexpr int64_t SWEEP_MS = 1000;
 static constexpr size_t REQUEST_ROOM = 8192; // a request's header and its answer's
-static constexpr unsigned BACKLOG = 1024;
+static constexpr int BACKLOG = 1024;
 
 static struct {
     web_options opts;
@@ -107,7 +108,7 @@ static MHD_Daemon *start_library(int listener) {
     return MHD_start_daemon(flags, 0, nullptr, nullptr, on_request, nullptr,                             //
                             MHD_OPTION_EXTERNAL_LOGGER, on_library_log, nullptr,                         //
                             MHD_OPTION_LISTEN_SOCKET, listener,                                          //
-                            MHD_OPTION_LISTEN_BACKLOG_SIZE, BACKLOG,                                     //
+                            MHD_OPTION_LISTEN_BACKLOG_SIZE, static_cast<unsigned>(BACKLOG),              //
                             MHD_OPTION_CONNECTION_LIMIT, connection_limit(),                             //
                             MHD_OPTION_CONNECTION_MEMORY_LIMIT, REQUEST_ROOM,                            //
                             MHD_OPTION_CONNECTION_TIMEOUT, static_cast<unsigned>(g_web.opts.idle_tmout), //
@@ -117,10 +118,22 @@ static MHD_Daemon *start_library(int listener) {
                             MHD_OPTION_NOTIFY_COMPLETED, on_completed, nullptr, MHD_OPTION_END);
 }
 
-static int start_http() {
-    sock_spec spec{
-        .role = SOCK_LISTENER, .host = g_web.opts.address.c_str(), .port = g_web.opts.port.c_str()};
+// The address is shared with nobody: of two front ends each would get some of the viewers.
+static int open_alone(const sock_spec &spec) {
+    const int off = 0;
     fd_guard listener(open_socket(spec, nullptr, nullptr));
+    if (listener.fd < 0 || setsockopt(listener.fd, SOL_SOCKET, SO_REUSEPORT, &off, sizeof(off)) != 0 ||
+        W_listen(__func__, listener.fd, BACKLOG) != 0)
+        return -1;
+    return listener.release();
+}
+
+static int start_http() {
+    sock_spec spec{.role = SOCK_LISTENER,
+                   .host = g_web.opts.address.c_str(),
+                   .port = g_web.opts.port.c_str(),
+                   .no_listen = true};
+    fd_guard listener(open_alone(spec));
     if (listener.fd < 0) {
         fprintf(stderr, "lumo-web: cannot listen on %s port %s\n", spec.host, spec.port);
         return -1;

@@ -70,11 +70,14 @@ static void settle_fault(shelf_entry *entry, int status, const std::string &text
     wake_waiting(entry);
 }
 
-// The path below the data directory; empty = it lies elsewhere.
+// The path below the data directory, under either of its names; empty = it lies elsewhere.
 static std::string path_below(const std::string &path) {
-    const std::string &dir = g_shelf.root->dir;
-    std::string top = dir == "/" ? dir : dir + "/";
-    return path.starts_with(top) ? path.substr(top.size()) : "";
+    for (const std::string &dir : {g_shelf.root->dir, g_shelf.root->real}) {
+        std::string top = dir == "/" ? dir : dir + "/";
+        if (!dir.empty() && path.starts_with(top))
+            return path.substr(top.size());
+    }
+    return "";
 }
 
 // The whole file; null with errno.
