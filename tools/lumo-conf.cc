@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 enum { EXIT_FINE = 0, EXIT_FAULT = 1 };
 
@@ -23,6 +24,13 @@ static void warn_unread(const char *key, const cfg_place &place, void *) {
             place.path.c_str(), key);
 }
 
+static void warn_sockets() {
+    for (auto [index, key] : {std::pair(SRC_LISTENER, "src_socket"), std::pair(PL_LISTENER, "pl_socket")})
+        if (!has_rui_ifc(&g_cfg, index))
+            fprintf(stderr, "%s: warning: no lum.%s, which the command line must give then\n", GUIDE.program,
+                    key);
+}
+
 // The daemon's own records, without what a log file would want.
 static void log_to_terminal() {
     glog_init(GUIDE.program);
@@ -36,6 +44,7 @@ static int check(const char *path, bool is_quiet) {
     init_plum_config(&g_cfg);
     if (load_plum_config(path, &g_cfg, false, warn_unread) != 0)
         return EXIT_FAULT;
+    warn_sockets();
     if (is_quiet)
         return EXIT_FINE;
     dump_plum_config(stdout, &g_cfg);

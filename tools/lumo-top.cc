@@ -111,7 +111,8 @@ static bool read_status(const char *path, status *out) {
     out->written = st.st_mtime;
     for (std::string line; std::getline(file, line);)
         take_line(line, out);
-    return true;
+    errno = ENODATA;
+    return !out->all.empty();
 }
 
 static double value_of(const values &from, const char *name) {

@@ -59,7 +59,7 @@ def test_what_the_daemon_counts(watched):
     assert (done.returncode, done.stdout + done.stderr) == (0, "")
     table = top("--once", d.settings["status_file"])
     assert table.returncode == 0 and re.search(r"\nmain +on +3 ", table.stdout) and 'a"b' in table.stdout
-    assert top("-1", d.path("none")).returncode == 1 and top().returncode == top("-n", "0", "x").returncode == 2
+    assert top("-1", d.path("none")).returncode == top("-1", d.conf).returncode == 1 and top().returncode == top("-n", "0", "x").returncode == 2
 
 def test_an_idle_daemon_writes_and_a_reload_ends_it(watched):
     d = watched
