@@ -1,7 +1,7 @@
 """The front end against nginx serving the same files on the same processor, in turns:  web.py DIRECTORY
 
-DIRECTORY holds lumo and lumo-web, built optimised. Needs wrk and nginx (scripts/install-deps.sh web edge bench) and two
-processors: the servers have one, wrk the other. Prints requests a second and processor time for each at 64 and 1,000
+DIRECTORY holds lumo, lumo-web and the benchmarks, as bench/run.sh builds them. Needs nginx (scripts/install-deps.sh web
+edge bench) and two processors: the servers have one, the load the other. Prints requests a second and processor time for each at 64 and 1,000
 connections that stay open, memory of an idle connection, and the daemon's questions a second under 10 and 10,000
 viewers. Ends with status 1 when an aim is missed.
 """
@@ -48,7 +48,8 @@ def wait_port(port):
 
 
 class Server:
-    def __init__(self, port, *command):
+    def __init__(self, load_program, port, *command):
+        self.load_program = load_program
         self.port = port
         self.proc = subprocess.Popen(["taskset", "-c", "0", *map(str, command)], stderr=subprocess.DEVNULL)
         wait_port(port)
@@ -63,15 +64,19 @@ class Server:
         text = pathlib.Path(f"/proc/{self.pid}/smaps_rollup").read_text()
         return int(re.search(r"^Pss_Dirty:\s+(\d+)", text, re.MULTILINE)[1]) * 1024
 
+    def start_load(self, path, connections, seconds):
+        command = [self.load_program, self.port, path, connections, seconds]
+        return subprocess.Popen(["taskset", "-c", "1", *map(str, command)], stdout=subprocess.PIPE, text=True)
+
     def load(self, path, connections, seconds=SECONDS):
         """Requests a second, and microseconds of processor time for each."""
         before = self.cpu()
-        out = subprocess.run(["taskset", "-c", "1", "wrk", "-t1", f"-c{connections}", f"-d{seconds}",
-                              f"http://127.0.0.1:{self.port}/{path}"], capture_output=True, text=True, check=True).stdout
-        count = int(re.search(r"(\d+) requests in", out)[1])
-        if "Non-2xx" in out:
-            sys.exit(f"errors from {path}:\n{out}")
-        return float(re.search(r"Requests/sec:\s+([\d.]+)", out)[1]), (self.cpu() - before) / count * 1e6
+        load = self.start_load(path, connections, seconds)
+        out = load.communicate()[0]
+        if load.returncode != 0:
+            sys.exit(f"no load on {path}")
+        count, rate = re.match(r"(\d+) answers, ([\d.]+) a second", out).groups()
+        return float(rate), (self.cpu() - before) / int(count) * 1e6
 
     def stop(self):
         self.proc.terminate()
@@ -97,12 +102,13 @@ class Bench:
         self.source.connect(str(self.root / "src"))
         self.report()
         port = free_port()
-        self.web = Server(port, programs / "lumo-web", "-C", conf, "-p", port, "--max-conns", "12000")
+        load_program = programs / "bench" / "http_load"
+        self.web = Server(load_program, port, programs / "lumo-web", "-C", conf, "-p", port, "--max-conns", "12000")
         port = free_port()
         user = "user root;" if os.geteuid() == 0 else ""
         (self.root / "nginx.conf").write_text(NGINX_CONF.format(root=self.root, port=port, data=self.data, user=user))
         nginx = shutil.which("nginx", path=os.environ["PATH"] + ":/usr/sbin")
-        self.nginx = Server(port, nginx, "-p", self.root, "-c", self.root / "nginx.conf")
+        self.nginx = Server(load_program, port, nginx, "-p", self.root, "-c", self.root / "nginx.conf")
         self.paths["playlist"] = self.find_playlist()
 
     def make_files(self):
@@ -158,13 +164,19 @@ class Bench:
             sock.close()
         return (after - before) / count
 
-    def questions(self, connections, seconds=4):
-        def count():
+    def questions(self, connections, seconds=5):
+        def metric(name):
             text = urllib.request.urlopen(f"http://127.0.0.1:{self.web.port}/metrics", timeout=30).read().decode()
-            return int(re.search(r"^lumo_web_questions_total (\d+)", text, re.MULTILINE)[1])
-        before, begun = count(), time.monotonic()
-        self.web.load("tv/live.m3u8", connections, seconds)
-        return (count() - before) / (time.monotonic() - begun)
+            return int(re.search(rf"^{name} (\d+)", text, re.MULTILINE)[1])
+        load = self.web.start_load("tv/live.m3u8", connections, seconds + 6)
+        while load.poll() is None and metric("lumo_web_connections") < 0.8 * connections:
+            time.sleep(0.05)
+        before, begun = metric("lumo_web_questions_total"), time.monotonic()
+        time.sleep(seconds)
+        rate = (metric("lumo_web_questions_total") - before) / (time.monotonic() - begun)
+        if load.wait() != 0:
+            sys.exit("no load")
+        return rate
 
     def run(self):
         path = self.paths["segment of 64 KiB"]  # while neither has memory left from others

@@ -23,7 +23,7 @@ packages_of() {
     status) echo prometheus ;;
     package) echo dpkg-dev file ;;
     chroot) echo lintian debootstrap ;;
-    bench) echo libbenchmark-dev wrk ;;
+    bench) echo libbenchmark-dev ;;
     lint) echo clang-format clang-tidy shellcheck man-db python3 ;;
     *)
         echo "install-deps.sh: unknown group: $1" >&2
