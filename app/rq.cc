@@ -242,11 +242,11 @@ static void count_answer(const pl_urq *urq, const char *kind, int code) {
         ++g_ctx.counts.unanswered;
         return;
     }
-    int letter = toupper(static_cast<unsigned char>(kind[0]));
-    int status = errno2http(code);
+    int letter = kind[0] & ~0x20; // in either case
     size_t i = 0;
-    while (i < HTTP_COUNT - 1 && HTTP_CODES[i] != status)
-        ++i;
+    if (code != 0)
+        for (int status = errno2http(code); i < HTTP_COUNT - 1 && HTTP_CODES[i] != status;)
+            ++i;
     ++g_ctx.counts.requests[letter == 'L' ? KIND_LIV : letter == 'V' ? KIND_VOD : KIND_EVE][i];
 }
 

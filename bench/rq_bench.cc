@@ -14,6 +14,7 @@
 static constexpr char LIVE_LINE[] = "T1 LIV chan\n";
 static constexpr char EVENT_LINE[] = "T1 EVE chan 60 0\n";
 static constexpr int ROUNDS = 11;
+static constexpr int STATUS_ROUNDS = 41;
 static constexpr double ROUND_SEC = 0.25;
 static constexpr int STUCK_MS = 5000;
 static constexpr int MAX_EVENTS = 256;
@@ -151,6 +152,30 @@ static void compare_kinds(const server &daemon) {
                "%.2f / %.2f us of the server", median(event_cpu), median(live_cpu));
 }
 
+// The same requests at a daemon that writes its status every second, and at one that writes none.
+static void compare_status(const temp_dir &dir, int core) {
+    bench_daemon without, with;
+    temp_dir other;
+    std::string status = " src_tmout_sec = 300; status_sec = 1; status_file = \"" + dir / "status" + "\";";
+    daemon_start(&without, other, core, " src_tmout_sec = 300;");
+    daemon_feed(&without, 20);
+    daemon_start(&with, dir, core, status.c_str());
+    daemon_feed(&with, 20);
+    std::vector<double> ratio, with_cpu, without_cpu;
+    for (int i = 0; i < STATUS_ROUNDS; ++i) {
+        double on = run_round(with.pl_socket, with.pid, 16, 40000).cpu;
+        double off = run_round(without.pl_socket, without.pid, 16, 40000).cpu;
+        ratio.push_back(on / off);
+        with_cpu.push_back(on * 1e6);
+        without_cpu.push_back(off * 1e6);
+    }
+    tell_ratio("processor time per request, status written / not", median(ratio), -1.01,
+               "%.3f / %.3f us of the server, %d rounds", median(with_cpu), median(without_cpu),
+               STATUS_ROUNDS);
+    daemon_stop(&with);
+    daemon_stop(&without);
+}
+
 static int highest_core() {
     cpu_set_t set;
     sched_getaffinity(0, sizeof(set), &set);
@@ -189,6 +214,8 @@ int main(int argc, char **argv) {
     daemon_feed(&d, 20);
     compare("one connection each, hang-ups at debug", 0, {.path = d.pl_socket, .pid = d.pid}, floor);
     daemon_stop(&d);
+    temp_dir status_dir;
+    compare_status(status_dir, core);
     end_child(floor.pid);
     return 0;
 }
