@@ -87,9 +87,11 @@ static void look_at_task(const pl_source *src, pl_task *task) {
 
 // The files that are due, as of discard_next_due; false when the slice ended first.
 static bool sweep_files(pl_source *src, slice *s) {
-    for (; discard_next_due(src); ++s->looks)
+    while (discard_next_due(src)) {
+        s->looks = 0; // a disk may be slow: the clock is asked each time
         if (is_over(*s))
             return false;
+    }
     return true;
 }
 
