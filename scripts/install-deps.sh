@@ -22,7 +22,7 @@ packages_of() {
     edge) echo nginx-light ;;
     status) echo prometheus ;;
     package) echo dpkg-dev file ;;
-    chroot) echo lintian debootstrap ;;
+    chroot) echo lintian debootstrap systemd-container ;;
     bench) echo libbenchmark-dev ;;
     lint) echo clang-format clang-tidy shellcheck man-db python3 ;;
     *)

@@ -1,6 +1,7 @@
 #!/bin/sh
-# Builds the packages, has lintian look at them, and installs, runs and removes them in a fresh Debian 12.
-# The bare system is made once, in build/chroot. Needs root; without it only the packages are looked at.
+# Builds the packages, has lintian look at them, and installs, runs and removes them in a fresh Debian 12, which is
+# then booted to try the units where systemd-nspawn can do that. The bare system is made once, in build/chroot. Needs
+# root; without it only the packages are looked at.
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -37,7 +38,7 @@ mkdir "$root"
 
 # shellcheck disable=SC2016 # for the shell inside
 # Mounts, the system, which lies in memory, and the processes of the trial go with it.
-timeout --signal KILL 600 unshare --mount --pid --fork --kill-child sh -eu -c '
+timeout --signal KILL 600 unshare --mount --pid --fork --kill-child --mount-proc sh -eu -c '
     mount -t tmpfs -o size=2G tmpfs "$root"
     tar -C "$root" -xpf "$base"
     mkdir "$root/packages"
@@ -46,4 +47,17 @@ timeout --signal KILL 600 unshare --mount --pid --fork --kill-child sh -eu -c '
     echo "Binary::apt::APT::Keep-Downloaded-Packages \"true\";" >"$root/etc/apt/apt.conf.d/keep-downloads"
     mount -t proc proc "$root/proc"
     mount --bind "$chroot/archives" "$root/var/cache/apt/archives"
-    exec chroot "$root" /packages/chroot-test'
+    chroot "$root" /packages/chroot-test
+
+    echo "-- boot, try the units"
+    chroot "$root" /packages/chroot-test prepare
+    umount "$root/var/cache/apt/archives" "$root/proc"
+    mount -t tmpfs tmpfs /run
+    timeout 120 systemd-nspawn --quiet --boot --directory="$root" --register=no --keep-unit --private-network \
+        --console=pipe </dev/null >"$chroot/boot.log" 2>&1 || true
+    if [ ! -e "$root/packages/booted" ]; then
+        echo "test-package.sh: SKIPPED: systemd does not boot here, the units are not tried: $(tail -n 1 "$chroot/boot.log")"
+        exit 0
+    fi
+    cat "$root/packages/units.log"
+    [ -e "$root/packages/passed" ]'
