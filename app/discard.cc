@@ -66,9 +66,10 @@ static void drop_first(discard_queue *queue) {
     free(node);
 }
 
-void discard_file(pl_source *src, const char *path) {
-    LOG_FN(LL_DEBUG, "[%s] stays for %d sec\n", path, g_cfg.keep_retired_sec);
-    push(&src->discards, path, loop_sec() + g_cfg.keep_retired_sec);
+void discard_file(pl_source *src, const char *path, int64_t age_sec) {
+    int64_t left = std::max<int64_t>(0, g_cfg.keep_retired_sec - age_sec);
+    LOG_FN(LL_DEBUG, "[%s] stays for %" PRId64 " sec\n", path, left);
+    push(&src->discards, path, loop_sec() + left);
 }
 
 // Frees the nodes whose path is no longer to be deleted.

@@ -11,8 +11,8 @@
 
 // Whether files are deleted late; they are not with `keep_retired_sec` 0.
 bool is_discard_on();
-// Takes over the deletion of a file, given by its full path.
-void discard_file(pl_source *src, const char *path);
+// Takes over the deletion of a file, given by its full path, that was listed until `age_sec` ago.
+void discard_file(pl_source *src, const char *path, int64_t age_sec = 0);
 // The name is in use again: what bears it stays.
 void discard_forget(pl_source *src, const char *path);
 // Deletes the next file that is due, of a source or, with null, of those that have expired. False when none

@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sys/stat.h>
 
 LOG_UNIT(LOG_MOD_APP);
 
@@ -335,6 +336,17 @@ void discard_last_segfile(pl_source *src) {
     mk_full_path(src, src->rcy_fpath, full);
     discard_file(src, full);
     drop_recycle_path(src);
+}
+
+void discard_stale(pl_source *src, const item_data *data) {
+    if (!is_discard_on())
+        return;
+    file_path full;
+    struct stat st;
+    mk_full_path(src, data->path, full);
+    time_t retired = seg_expiry_time(&src->param, data->start_tm);
+    if (lstat(full, &st) == 0 && S_ISREG(st.st_mode) && st.st_mtime < retired)
+        discard_file(src, full, time(nullptr) - retired);
 }
 
 static void retire_oldest(pl_source *src) {

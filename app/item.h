@@ -40,3 +40,6 @@ void recycle_segfile(pl_source *src, pl_item *item);
 // With late deletion on: no next one will retire, so the file whose path was taken over joins the others that
 // wait.
 void discard_last_segfile(pl_source *src);
+// With late deletion on: the file of an entry that is too old to be listed, and so left in no list, goes too,
+// unless it has been written again since.
+void discard_stale(pl_source *src, const item_data *data);

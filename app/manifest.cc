@@ -71,8 +71,10 @@ int add_manifest_entry(pl_source *src, std::string_view line, size_t line_no) {
     LOG_FN(LL_DEBUG, "%d fields scanned\n", scan.count);
     if (verdict == LINE_REFUSED)
         return EINVAL;
-    if (is_stale_mitem(&src->param, data.path, data.start_tm))
+    if (is_stale_mitem(&src->param, data.path, data.start_tm)) {
+        discard_stale(src, &data);
         return ENTRY_STALE;
+    }
     note_order(src, data.start_tm);
     if (src->master) {
         LOG_FN(LL_ERROR, "must not have master src[%s]\n", src->master->nametag);

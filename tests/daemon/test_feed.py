@@ -267,6 +267,11 @@ def test_stand_in(lumo):
     assert other.proc.wait(LIMIT) == 1 and "another feeder" in other.text()
     backup = Feeder(d, "-s", "1", "-b", ffmpeg=code)
     backup.wait("as the stand-in")
+    backup.wait_segments(3)
+    backup.end()
+    assert len(d.files("chan/backup-*.ts")) == 1, "the last could be the channel's by now"
+    backup = Feeder(d, "-s", "1", "-b", ffmpeg=code)
+    backup.wait("as the stand-in")
     main.proc.kill()
     until(lambda: noted(d)[-1].startswith("backup"), "the stand-in")
     main = Feeder(d, "-s", "1", ffmpeg=code)

@@ -70,14 +70,16 @@ static void drop_aside(feeder *feed) {
 }
 
 // A stand-in's segments retire, and the daemon deletes them, unless it is away.
-static void put_aside(feeder *feed, const std::string &path) {
+static void put_aside(feeder *feed, const std::string &path, bool is_listed) {
     if (is_lock_resting(*feed))
         return; // whose list they come to is not known here
+    if (!is_listed) {
+        drop_file(*feed, path);
+        return;
+    }
     feed->aside.push_back(path);
-    size_t most = static_cast<size_t>(FEED_MIN_DEPTH / feed->opts->segment_sec) + ASIDE_SLACK;
-    for (; feed->aside.size() > most; feed->aside.pop_front())
-        if (feed->link.state != LINK_UP)
-            drop_file(*feed, feed->aside.front());
+    if (feed->aside.size() > static_cast<size_t>(FEED_MIN_DEPTH / feed->opts->segment_sec) + ASIDE_SLACK)
+        feed->aside.pop_front();
 }
 
 // --- the lock ---
@@ -142,7 +144,7 @@ static void settle(feeder *feed) {
         if (is_on_air)
             note_entry(feed, entry);
         else
-            put_aside(feed, entry.path);
+            put_aside(feed, entry.path, is_up);
         if (is_up)
             send_entry(feed, entry);
         else if (is_on_air)
@@ -304,8 +306,10 @@ bool feeder_on_row(feeder *feed, const seg_row &row) {
 // --- the end ---
 
 void feeder_flush(feeder *feed) {
-    if (!feeder_is_on_air(*feed))
+    if (!feeder_is_on_air(*feed)) {
+        drop_aside(feed);
         return;
+    }
     for (const seg_entry &entry : feed->held)
         note_entry(feed, entry);
     feed->held.clear();
