@@ -154,7 +154,8 @@ void discard_save(pl_source *src) {
     pending_path path;
     if (!src->discards.first)
         return;
-    FILE *fp = mk_path(src, path) ? open_pending(path) : nullptr;
+    const bool is_played = !is_backup_name(src->nametag); // a stand-in's own list never is
+    FILE *fp = is_played && mk_path(src, path) ? open_pending(path) : nullptr;
     bool is_kept = fp != nullptr;
     time_t now = time(nullptr);
     for (const discard_node *node = src->discards.first; is_kept && node; node = node->next) {
@@ -165,7 +166,7 @@ void discard_save(pl_source *src) {
             delete_file(__func__, node->path);
     }
     is_kept = fp && fclose(fp) == 0 && is_kept;
-    if (!is_kept) {
+    if (!is_kept && is_played) {
         LOG_FN(LL_ERROR, "src[%s] cannot keep its pending deletions, ERROR(%d): %s\n", src->nametag, errno,
                strerror(errno));
         if (fp)

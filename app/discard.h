@@ -4,7 +4,8 @@
 // on without it.
 //
 // At a clean end the queue goes to "DATA_DIR/NAME/NAME.pending", a line "UNIX_TIME PATH" for each file; it is
-// read and removed when the source comes back. A queue that cannot be written there is deleted at once.
+// read and removed when the source comes back. What cannot be written there, and what a stand-in has
+// listed, is deleted at once.
 #pragma once
 
 #include "app/plum.h"

@@ -36,7 +36,9 @@ def test_deletions_survive_the_source_and_a_clean_end(make):
     vod = d.ask("T1 VOD chan").path
     began = time.monotonic()
     segs += src.feed(2, dur=10.0)
+    spare = d.source("~chan", params=src.params).feed(12, dur=10.0)
     d.stop()
+    assert not spare[0].exists() and "cannot keep" not in d.log_text()
     pending, manifest = d.path("data", "chan", "chan.pending"), d.path("data", "chan", "chan.manifest_live")
     assert os.stat(pending).st_mode & 0o777 == 0o644
     with open(pending, "a") as out:  # it is not believed blindly
