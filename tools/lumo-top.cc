@@ -1,6 +1,7 @@
 // Shows the status file of the daemon on a terminal: a line about the daemon and a table of its channels.
 #include "tools/cmdline.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -169,7 +170,7 @@ static void print_channel(const std::string &name, const values &of) {
     printf("%-24s %-5s %7.0f %8s %8s %9.0f %7.0f %8.0f %5.0f %5.0f %4.0f %4.0f %4.0f\n", name.c_str(),
            value_of(of, "source_connected") > 0 ? "on" : "off", value_of(of, "source_items"),
            span_text(value_of(of, "source_held_seconds")).c_str(),
-           span_text(value_of(of, "source_newest_segment_age_seconds")).c_str(),
+           span_text(std::max(0.0, value_of(of, "source_newest_segment_age_seconds"))).c_str(),
            value_of(of, "source_segments_accepted_total"), sum_of(of, "source_lines_refused_total{"),
            value_of(of, "source_segments_retired_total"), value_of(of, "source_discontinuities_total"),
            value_of(of, "source_takeovers_total"), value_of(of, "source_tasks{kind=live}"),
@@ -208,16 +209,18 @@ static int show_once(const char *path) {
 
 // Until it is interrupted; a file that is not there yet, or not now, is waited for.
 static int show_on(const char *path, long sec) {
-    static constexpr char HOME_AND_CLEAR[] = "\033[H\033[J";
+    // Lines that are too long for the terminal end at its edge, or the rows would not count.
+    static constexpr char BEGIN[] = "\033[H\033[J\033[?7l";
+    static constexpr char END[] = "\033[?7h";
     status now;
     status last;   // as the file was when it was last new
     status before; // and the time before that
     bool has_last = false;
     bool has_before = false;
     for (; fflush(stdout) == 0; sleep(static_cast<unsigned>(sec))) {
-        fputs(HOME_AND_CLEAR, stdout);
+        fputs(BEGIN, stdout);
         if (!read_status(path, &now)) {
-            printf("waiting for [%s]: %s\n", path, strerror(errno));
+            printf("waiting for [%s]: %s\n%s", path, strerror(errno), END);
             has_last = has_before = false;
             continue;
         }
@@ -228,6 +231,7 @@ static int show_on(const char *path, long sec) {
             has_last = true;
         }
         print_status(last, has_before ? &before : nullptr);
+        fputs(END, stdout);
     }
     return EXIT_NO_FILE;
 }
