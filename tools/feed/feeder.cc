@@ -19,6 +19,8 @@ static constexpr char BREAK_LINE[] = "SEGMENT: DISCONTINUITY";
 // A channel whose feeder has just gone may look occupied; after so many refusals somebody else feeds it.
 static constexpr int MAX_REFUSALS = 4;
 static constexpr int64_t LOCK_REST_MS = 30'000; // then the lock is left to him
+// As long as the daemon lists a stand-in's segments, and as long again for what it keeps of them.
+static constexpr long ASIDE_SEC = 2 * FEED_MIN_DEPTH;
 static constexpr size_t ASIDE_SLACK = 4;
 
 double wall_now() {
@@ -78,7 +80,7 @@ static void put_aside(feeder *feed, const std::string &path, bool is_listed) {
         return;
     }
     feed->aside.push_back(path);
-    if (feed->aside.size() > static_cast<size_t>(FEED_MIN_DEPTH / feed->opts->segment_sec) + ASIDE_SLACK)
+    if (feed->aside.size() > static_cast<size_t>(ASIDE_SEC / feed->opts->segment_sec) + ASIDE_SLACK)
         feed->aside.pop_front();
 }
 
