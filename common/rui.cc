@@ -15,6 +15,7 @@
 #include <iterator>
 #include <poll.h>
 #include <unistd.h>
+#include <utility>
 
 LOG_UNIT(LOG_MOD_APP);
 
@@ -350,8 +351,9 @@ int rui_accept(rui_socket_ctx *srv, size_t max_accept, int flags, void *data) {
             char room[128];
         } addr{};
         socklen_t len = sizeof(addr);
-        bool is_end = tries > 0 && look_around(srv, taken); // the first is what the event told of
-        errno = EAGAIN;                                     // whatever serving has left there
+        // The first connection is what the event told of; serving one may leave any error number.
+        bool is_end = tries > 0 && look_around(srv, std::exchange(taken, nullptr));
+        errno = EAGAIN;
         int fd = is_end ? -1 : W_accept4(__func__, srv->sockfd, &addr.sa, &len, SOCK_NONBLOCK);
         if (fd >= 0) {
             bool is_taken = take_connection(srv, fd, &addr.sa, len, flags, data);
