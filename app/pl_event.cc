@@ -30,13 +30,6 @@ static constexpr size_t KEY_BLOCK = 8;
 
 // --- range helpers ---
 
-static pl_item *newest_segment(const pl_source *src) {
-    pl_item *item = newest_item(src);
-    while (item && !is_segment(item))
-        item = older_item(item);
-    return item;
-}
-
 static pl_item *oldest_segment(const pl_source *src) {
     pl_item *item = oldest_item(src);
     while (item && !is_segment(item))

@@ -363,6 +363,13 @@ inline const char *src_data_dir(const pl_source *src) {
 inline bool is_segment(const pl_item *item) {
     return item->le.tag.num == PL_SEG;
 }
+// Null when there is none.
+inline pl_item *newest_segment(const pl_source *src) {
+    pl_item *item = newest_item(src);
+    while (item && !is_segment(item))
+        item = older_item(item);
+    return item;
+}
 inline bool follows_break(const pl_item *segment) {
     const pl_item *older = older_item(segment);
     return older && !is_segment(older);

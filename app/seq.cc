@@ -97,12 +97,8 @@ void seq_keep(pl_source *src) {
     }
     if (src->manif.is_feeding)
         return;
-    const pl_item *item = newest_item(src);
-    if (item && !is_segment(item))
-        item = older_item(item);
-    if (!item)
-        return;
-    bool is_wanted = !src->seq_item || (follows_break(item) && src->seq_item != item);
+    const pl_item *item = newest_segment(src);
+    bool is_wanted = item && (!src->seq_item || (follows_break(item) && src->seq_item != item));
     if (is_wanted && write_anchor(src, item))
         src->seq_item = item;
 }

@@ -168,10 +168,7 @@ static std::string label_of(const pl_source *src) {
 }
 
 static void put_newest_age(std::string *out, const char *name, const char *label, const pl_source *src) {
-    const pl_item *item = newest_item(src);
-    while (item && !is_segment(item))
-        item = older_item(item);
-    if (item)
+    if (const pl_item *item = newest_segment(src))
         put(out, "lumo_%s{source=\"%s\"} %.3f\n", name, label,
             static_cast<double>(time(nullptr)) - static_cast<double>(item->start_tm) - item->duration);
 }
