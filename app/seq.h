@@ -22,8 +22,8 @@ struct seq_anchor {
 // Reads a source's file. False without `strict_hls`, for a backup, and when the file is missing or not valid
 // (logged).
 bool seq_read(const pl_source *src, seq_anchor *anchor);
-// The list has a new item, or has lost some: writes the file when another segment is to be named. A file that
-// cannot be written is told once per source; a missing directory is not.
+// The list has a new item, or has lost some, or a strict playlist is made of it: writes the file when another
+// segment is to be named. A file that cannot be written is told once per source; a missing directory is not.
 void seq_keep(pl_source *src);
 // An item leaves the list.
 void seq_retire(pl_source *src, const pl_item *item);

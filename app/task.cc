@@ -2,6 +2,7 @@
 
 #include "app/discard.h"
 #include "app/retry.h"
+#include "app/seq.h"
 #include "lib/check.h"
 #include "lib/log.h"
 #include "lib/rqs.h"
@@ -64,6 +65,9 @@ pl_task *add_task(const char *caller, pl_source *src, uint32_t tag) {
     post_add_check(&src->tasks, pre, "source tasks", "lum.min_src_tasks");
     pl_task *task = src_task(src, idx);
     init_task(task, src);
+    // A reload may have switched strict playlists on since the last segment came.
+    if (task->is_strict)
+        seq_keep(src);
     task->tag.num = tag;
     task->idx = idx;
     task->lk_tmout_sec = g_cfg.lk_tmout_sec;

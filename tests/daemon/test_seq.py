@@ -81,7 +81,7 @@ def test_bad_sequence_files(lumo):
     maker.feed(1, dur=10.0)
     d.reload(strict_hls=False)
     maker.cut()
-    maker.feed(1, dur=10.0)
+    maker.feed(2, dur=10.0)
     d.reload(strict_hls=True)
-    maker.feed(1, dur=10.0)
+    d.ask("T1 LIV maker")
     assert d.read(d.path("data", "maker", "maker.seq")).split()[1:] == ["2", "1"], "the break meanwhile is known"
