@@ -29,7 +29,7 @@ void cmd_print_guide(const cmd_guide &guide) {
 }
 
 int cmd_next(const cmd_guide &guide, int argc, char **argv) {
-    std::string letters = "+"; // operands are never passed over
+    std::string letters = guide.is_strict ? "+" : "";
     std::vector<option> names;
     for (const cmd_option &one : guide.options) {
         names.push_back({one.name, one.arg ? required_argument : no_argument, nullptr, one.letter});

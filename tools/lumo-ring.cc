@@ -1,6 +1,7 @@
 // Prints what a log ring holds, follows it as it grows, or tells the state of its owner.
 #include "lib/lard.h"
 #include "lib/timeop.h"
+#include "tools/cmdline.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -9,7 +10,6 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <getopt.h>
 #include <string>
 #include <string_view>
 
@@ -20,6 +20,14 @@ static constexpr long NAP_MIN = 1'000'000; // nanoseconds between two looks whil
 static constexpr long NAP_MAX = 64'000'000;
 
 enum { EXIT_OK = 0, EXIT_NO_RING = 1, EXIT_USAGE = 2 };
+
+static constexpr cmd_option OPTIONS[] = {
+    {'f', "follow", nullptr, "go on printing what arrives until the owner closes the ring"},
+    {'s', "status", nullptr, "tell the state of the ring and its owner instead of its records"},
+    {'h', "help", nullptr, "print this guide"},
+};
+static constexpr cmd_guide GUIDE = {"lumo-ring", "[OPTIONS] NAME",
+                                    "Prints the log ring NAME of lumo (key log.ring).", OPTIONS};
 
 struct options {
     bool is_following;
@@ -199,23 +207,11 @@ static bool print_status(lard_t ring) {
     return put_text("");
 }
 
-static void print_usage(FILE *out) {
-    fprintf(out, "usage: lumo-ring [--follow] [--status] NAME\n"
-                 "  -f, --follow  go on printing what arrives until the owner closes the ring\n"
-                 "  -s, --status  tell the state of the ring and its owner instead of its records\n"
-                 "  -h, --help    print this text\n");
-}
-
 // EXIT_OK to go on; anything else is the exit code, -1 after the help was printed.
 static int read_options(int argc, char **argv, options *opts) {
-    static const option table[] = {{"follow", no_argument, nullptr, 'f'},
-                                   {"status", no_argument, nullptr, 's'},
-                                   {"help", no_argument, nullptr, 'h'},
-                                   {nullptr, 0, nullptr, 0}};
-    int c;
-    while ((c = getopt_long(argc, argv, "fsh", table, nullptr)) != -1) {
+    for (int c = 0; (c = cmd_next(GUIDE, argc, argv)) != -1;) {
         if (c == 'h') {
-            print_usage(stdout);
+            cmd_print_guide(GUIDE);
             return -1;
         }
         opts->is_following |= c == 'f';
@@ -223,8 +219,11 @@ static int read_options(int argc, char **argv, options *opts) {
         if (c == '?')
             return EXIT_USAGE;
     }
-    opts->name = optind + 1 == argc ? argv[optind] : nullptr;
-    return opts->name ? EXIT_OK : EXIT_USAGE;
+    opts->name = argv[optind];
+    if (argc - optind == 1)
+        return EXIT_OK;
+    fprintf(stderr, "%s: wants one ring; --help tells more\n", GUIDE.program);
+    return EXIT_USAGE;
 }
 
 static bool show(lard_t ring, const options &opts) {
@@ -241,10 +240,8 @@ int main(int argc, char **argv) {
     int code = read_options(argc, argv, &opts);
     if (code < 0)
         return EXIT_OK;
-    if (code == EXIT_USAGE) {
-        print_usage(stderr);
+    if (code != EXIT_OK)
         return code;
-    }
     lard_t ring = lard_open(opts.name);
     if (!ring) {
         fprintf(stderr, "lumo-ring: no readable ring [%s]\n", opts.name);

@@ -54,7 +54,7 @@ static constexpr cmd_option TABLE[] = {
 static constexpr cmd_guide GUIDE = {PROGRAM, "[options] CHANNEL [-- FFMPEG ARGUMENTS]",
                                     "Feeds a channel: runs ffmpeg with the arguments, cuts what it makes "
                                     "into segments and reports them to lumo.",
-                                    TABLE};
+                                    TABLE, true};
 
 // --- scanning ---
 
