@@ -50,7 +50,8 @@ static void start_run(session *self) {
         pause_run(self);
         return;
     }
-    self->first_number = store_next_number(store);
+    // The daemon knows what this feeder has made, also when somebody has deleted it.
+    self->first_number = std::max(self->first_number, store_next_number(store));
     std::vector<std::string> command = enc_command(self->setup, store_template(store), self->first_number);
     if (say_is_wanted(SAY_DETAIL))
         say(SAY_DETAIL, "%s", one_line(command).c_str());
