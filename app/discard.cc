@@ -48,6 +48,11 @@ static void append(discard_queue *queue, discard_node *node) {
     queue->last = node;
 }
 
+// Whoever made the file may have deleted it meanwhile.
+static bool delete_late(const char *caller, const char *path) {
+    return unlink(path) == 0 || (errno != ENOENT && delete_file(caller, path) == 0);
+}
+
 static void push(discard_queue *queue, const char *path, time_t due) {
     size_t size = strlen(path) + 1;
     auto *node = static_cast<discard_node *>(W_calloc("discard_file", 1, sizeof(discard_node) + size));
@@ -90,17 +95,12 @@ void discard_forget(pl_source *src, const char *path) {
         drop_if(queue, [path](const char *name) { return strcmp(name, path) == 0; });
 }
 
-// Whoever made the file may have deleted it meanwhile.
-static bool delete_late(const char *path) {
-    return unlink(path) == 0 || (errno != ENOENT && delete_file("discard_next_due", path) == 0);
-}
-
 bool discard_next_due(pl_source *src) {
     discard_queue *queue = src ? &src->discards : &g_orphans;
     if (!queue->first || queue->first->due > loop_sec())
         return false;
     LOG_FN(LL_DEBUG, "removing [%s]\n", queue->first->path);
-    bool is_gone = delete_late(queue->first->path);
+    bool is_gone = delete_late(__func__, queue->first->path);
     if (src)
         src->counts.deleted += is_gone;
     drop_first(queue);
@@ -121,7 +121,7 @@ void discard_orphan(pl_source *src) {
 
 void discard_end() {
     while (g_orphans.first) {
-        delete_file(__func__, g_orphans.first->path);
+        delete_late(__func__, g_orphans.first->path);
         drop_first(&g_orphans);
     }
 }
@@ -163,7 +163,7 @@ void discard_save(pl_source *src) {
         if (below)
             is_kept = fprintf(fp, "%" PRId64 " %s\n", now + (node->due - loop_sec()), below) > 0;
         else
-            delete_file(__func__, node->path);
+            delete_late(__func__, node->path);
     }
     is_kept = fp && fclose(fp) == 0 && is_kept;
     if (!is_kept && is_played) {
@@ -174,7 +174,7 @@ void discard_save(pl_source *src) {
     }
     for (; src->discards.first; drop_first(&src->discards))
         if (!is_kept)
-            delete_file(__func__, src->discards.first->path);
+            delete_late(__func__, src->discards.first->path);
 }
 
 // A line can name nothing outside the source's directory, and one that was cut names nothing.

@@ -5,6 +5,7 @@ import shutil
 import signal
 import socket
 import subprocess
+import time
 
 import pytest
 
@@ -91,6 +92,11 @@ def write_ts(d, name, pts, stream=0xe0):
 
 def test_a_whole_channel(lumo):
     d = lumo()
+    write_ts(d, "main-000000.ts", 1)
+    write_ts(d, "../kept.ts", 1)
+    with open(d.path("data", "chan", "chan.manifest_live"), "w") as out:  # what nobody lists any more
+        out.writelines(f"0: SEGMENT: chan/{name} {time.time() - 5000:.0f} 2 188 1 1\n"
+                       for name in ("main-000000.ts", "../kept.ts"))
     feed = Feeder(d, "-s", "2", ffmpeg=[*PICTURE, *TONE, *CODE])
     feed.wait_segments(3)
     for path, start, dur, size, _, pts in (rows := entries(d)):
@@ -102,6 +108,7 @@ def test_a_whole_channel(lumo):
     count = len(entries(d))
     until(lambda: listed(d) == names(1, count), "the last segment")
     assert sorted(os.listdir(feed.dir)) == sorted(names(1, count) + ["chan.manifest_live", "main.lock"])
+    assert os.path.exists(d.path("data", "kept.ts"))
     again = Feeder(d, "-s", "1", ffmpeg=[*TONE, "-c:a", "aac"])  # without a picture
     again.wait_segments(2)
     until(lambda: listed(d)[:count + 2] == names(1, count + 2), "the same numbers going on")

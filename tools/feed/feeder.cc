@@ -128,6 +128,16 @@ static void note_entry(feeder *feed, const seg_entry &entry) {
     mft_note(&feed->mft, entry.line, entry.start_tm, now);
 }
 
+// What was pruned is in the list of a daemon that lived on, which sees to its file, and in nobody's else.
+static void settle_gone(feeder *feed, bool is_unlisted) {
+    const std::string top = feed->opts->channel + "/";
+    for (const std::string &path : feed->mft.gone)
+        if (is_unlisted && path.starts_with(top) && path.find('/', top.size()) == std::string::npos &&
+            path.ends_with(".ts"))
+            drop_file(*feed, path);
+    feed->mft.gone.clear();
+}
+
 // Nothing older than the depth is worth sending.
 static void trim(std::deque<seg_entry> *entries, long depth_sec) {
     while (!entries->empty() && entries->back().start_tm - entries->front().start_tm > depth_sec)
@@ -153,6 +163,8 @@ static void settle(feeder *feed) {
             feed->missed.push_back(entry);
     }
     trim(&feed->missed, feed->opts->depth_sec);
+    if (is_up || feed->link.is_told)
+        settle_gone(feed, !is_up);
 }
 
 // What a daemon that did not import has missed, in its order.
@@ -169,6 +181,7 @@ static void on_accepted(feeder *feed) {
         is_on_air ? "" : ", as the stand-in",
         is_on_air && feed->link.has_imported ? "; it has the manifest" : "");
     feed->refusals = 0;
+    settle_gone(feed, is_on_air && feed->link.has_imported);
     // The daemon has put a break behind what it imported, and the next import is to find it too.
     if (is_on_air && feed->link.has_imported)
         break_next(feed);

@@ -16,6 +16,9 @@
 #include <unistd.h>
 
 static constexpr time_t KEEP_SEC = 10;
+// Entries stay longer than they are played: a restarted daemon finds the files that another had still to
+// delete.
+static constexpr time_t LINGER_SEC = 120;
 static constexpr size_t MAX_LINE = 254;
 
 struct entry {
@@ -87,7 +90,10 @@ static bool kept_text(manifest *mft, time_t limit, std::string *text) {
         if (!parse_entry(line, &one))
             continue;
         mft->number = std::max(mft->number, one.number);
-        if (one.start_tm < limit || (mft->oldest == 0 && one.path == "DISCONTINUITY"))
+        bool is_marker = one.path == "DISCONTINUITY";
+        if (one.start_tm < limit && !is_marker)
+            mft->gone.emplace_back(one.path);
+        if (one.start_tm < limit || (mft->oldest == 0 && is_marker))
             continue;
         if (mft->oldest == 0)
             mft->oldest = one.start_tm;
@@ -113,7 +119,7 @@ static bool write_all(int fd, std::string_view text) {
 // The new file is locked before it has the name: nobody else can get in between.
 static bool rewrite(manifest *mft, time_t now) {
     std::string text;
-    if (!kept_text(mft, now - mft->depth_sec, &text)) {
+    if (!kept_text(mft, now - mft->depth_sec - LINGER_SEC, &text)) {
         tell_failure(mft, "read", errno);
         return false;
     }
@@ -200,7 +206,7 @@ static void keep_up(manifest *mft, time_t now) {
     if (std::abs(now - mft->kept_at) < KEEP_SEC)
         return;
     mft->kept_at = now;
-    if (is_deleted(*mft) || now - mft->oldest > mft->depth_sec + mft->depth_sec / 10)
+    if (is_deleted(*mft) || now - mft->oldest > mft->depth_sec + mft->depth_sec / 10 + LINGER_SEC)
         rewrite(mft, now);
 }
 

@@ -8,6 +8,7 @@
 #include <ctime>
 #include <string>
 #include <string_view>
+#include <vector>
 
 struct manifest {
     std::string path;
@@ -17,6 +18,7 @@ struct manifest {
     time_t oldest = 0;  // start time of the first entry
     time_t kept_at = 0; // looked after
     std::string unwritten;
+    std::vector<std::string> gone; // paths of segments that were pruned, for the holder to see to and clear
     bool is_failing = false; // has been told
 };
 
