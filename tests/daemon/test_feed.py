@@ -206,7 +206,8 @@ def test_lists(lumo):
             ("gone.ts", 56, 58, None, "out"), ("i.ts", 58, 60, 18 * 90000, "broken"),
             ("../../etc/passwd", 60, 62, None, "out"), ("/etc/passwd", 60, 62, None, "out"),
             ("a b.ts", 60, 62, 0, "out"), ("x" * 60 + ".ts", 60, 62, 0, "out"), ("chan", 60, 62, None, "out"),
-            ("j.ts", 60, 62, 20 * 90000, "broken"), ("nan.ts", "nan", 64, 0, "out")]
+            ("j.ts", 60, 62, 20 * 90000, "broken"), ("k.ts", 10, 12, 22 * 90000, "broken"),
+            ("l.ts", 12, 14, 22 * 90000, "broken"), ("m.ts", 14, 1e6, 24 * 90000, "broken"), ("nan.ts", "nan", 64, 0, "out")]
     d = lumo()
     feed = Feeder(d, "-l", "-s", "2", "--start-ago", "3000")
     expected = []

@@ -67,22 +67,6 @@ TEST(Clock, AStreamFromThePastRunsUntilItArrives) {
                  {108, 112, 109 * 90000, 30, false, 8}});
 }
 
-TEST(Clock, WrapsGoOnAndJumpsBreak) {
-    constexpr int64_t LAST = TS_WRAP - 90000;
-    constexpr double TURN = static_cast<double>(TS_WRAP) / TS_HZ;
-    play({.segment_sec = 2}, {{TURN - 3, TURN - 1, LAST - 180000, 2, true, 0},
-                              {TURN - 1, TURN + 1, LAST, 4, false, 2},
-                              {1, 3, 90000, 6, false, 4},         // times and stamps of another turn
-                              {3, 5, 3 * 90000, 8, false, 6},     //
-                              {60, 62, 60 * 90000, 10, true, 8},  // forward
-                              {10, 12, 10 * 90000, 12, true, 10}, // back
-                              {12, 14, 99 * 90000, 14, true, 12}, // stamps alone
-                              {14, 16, 99 * 90000, 16, true, 14}, // stamps stand still
-                              {16, 18, 101 * 90000, 18, false, 16},
-                              {18, 18, 103 * 90000, 20, true, 18}, // times stand still
-                              {18, 1e9, TS_NONE, 22, true, 20}});  // an absurd length
-}
-
 std::vector<uint8_t> packet(uint8_t stream_id, int64_t pts, size_t stuffing = 0) {
     std::vector<uint8_t> out(TS_PACKET, 0xff);
     size_t at = stuffing ? 5 + stuffing : 4;
