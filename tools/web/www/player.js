@@ -7,6 +7,7 @@ const LIVE_EDGE = 10; // seconds: what is nearer to now is the live picture; the
 const POLL_MS = 3000;
 const JUMP_MS = 400;
 const RETRY_MS = 2000;
+const ABSENT_MS = 15000; // each question for what is not there is an error in the daemon's log
 const DAY_SEC = 86400;
 const STATES = { live: "on air", waiting: "waiting", off: "off air" };
 
@@ -16,6 +17,7 @@ let mode = null; // {kind, label, url}
 let hls = null, retry = null, jump = null;
 let mendedAt = 0; // when the player was last set up anew behind broken media
 let fault = ""; // what keeps it from playing
+let isAbsent = false; // there is nothing live yet
 
 // Everything the player complained about, and the segment that it plays, for whoever looks into the page.
 window.lumoErrors = [];
@@ -74,6 +76,7 @@ async function poll() {
     clockSkew = answer.now - Date.now() / 1000;
     showList();
     showTimeline();
+    if (isAbsent && oldest(current()) && current().state !== "off") load(mode.url);
   } catch {
     $("summary").textContent = "the server does not answer";
   }
@@ -95,6 +98,7 @@ function showMessage() {
 
 function stopPlayer() {
   clearTimeout(retry);
+  isAbsent = false;
   if (hls) hls.destroy();
   hls = null;
   video.removeAttribute("src");
@@ -122,7 +126,8 @@ function onFailure(code) {
     : code === 429 ? "Too many events are watched from your address; trying again."
     : "The stream is interrupted; trying again.");
   clearTimeout(retry);
-  if (!isPast) retry = setTimeout(() => load(mode.url), RETRY_MS);
+  isAbsent = code === 404 && !isPast;
+  if (!isPast) retry = setTimeout(() => load(mode.url), isAbsent ? ABSENT_MS : RETRY_MS);
 }
 
 function load(url) {
