@@ -339,8 +339,6 @@ void discard_last_segfile(pl_source *src) {
 }
 
 void discard_stale(pl_source *src, const item_data *data) {
-    if (!is_discard_on())
-        return;
     file_path full;
     struct stat st;
     mk_full_path(src, data->path, full);

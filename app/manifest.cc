@@ -1,5 +1,6 @@
 #include "app/manifest.h"
 
+#include "app/discard.h"
 #include "app/item.h"
 #include "app/seq.h"
 #include "app/task.h"
@@ -16,6 +17,7 @@
 LOG_UNIT(LOG_MOD_APP);
 
 static constexpr size_t MAX_LINE = 255; // with the terminating zero
+static constexpr size_t STALE_BLOCK = 256;
 static constexpr int ENTRY_STALE = -7;
 static constexpr int ENTRY_UNUSABLE = -2;
 static constexpr int ENTRY_STOPS = -1;
@@ -56,6 +58,26 @@ static void note_order(pl_source *src, long start_tm) {
         manif.last_tm);
 }
 
+static xvec g_stale; // of item_data: entries of this import that are too old to be listed
+
+static void keep_stale(const item_data &data) {
+    ssize_t slot = is_discard_on() ? xvec_add(&g_stale, sizeof(item_data), STALE_BLOCK) : -1;
+    if (slot >= 0)
+        *xvec_at<item_data>(g_stale, static_cast<size_t>(slot)) = data;
+}
+
+// What grew too old while nobody listed it lies right before the oldest that is. What seems older than that
+// may seem so because a clock is wrong: that is no reason to delete a recording.
+static void discard_stale_entries(pl_source *src) {
+    const pl_item *oldest = oldest_item(src);
+    for (size_t i = 0; oldest && i < g_stale.len; ++i) {
+        const item_data *data = xvec_at<item_data>(g_stale, i);
+        if (seg_expiry_time(&src->param, data->start_tm) >= oldest->start_tm)
+            discard_stale(src, data);
+    }
+    xvec_reset(&g_stale);
+}
+
 int add_manifest_entry(pl_source *src, std::string_view line, size_t line_no) {
     line = strip_tail(line);
     int len = static_cast<int>(line.size());
@@ -72,7 +94,7 @@ int add_manifest_entry(pl_source *src, std::string_view line, size_t line_no) {
     if (verdict == LINE_REFUSED)
         return EINVAL;
     if (is_stale_mitem(&src->param, data.path, data.start_tm)) {
-        discard_stale(src, &data);
+        keep_stale(data);
         return ENTRY_STALE;
     }
     note_order(src, data.start_tm);
@@ -257,6 +279,7 @@ void read_manifest(pl_source *src) {
     size_t count = import_lines(src, fp);
     log_gather_end();
     src->manif.is_feeding = false;
+    discard_stale_entries(src);
     if (count > 0)
         add_discontinuity(src);
     fclose(fp);

@@ -43,17 +43,19 @@ def test_deletions_survive_the_source_and_a_clean_end(make):
     assert os.stat(pending).st_mode & 0o777 == 0o644
     with open(pending, "a") as out:  # it is not believed blindly
         out.write(f"0 ../lum.conf\nx\n{2**63} \n0 {segs[5].path}")
-    stale, reused = src.segment(), src.segment()
-    os.utime(stale.full, (stale.start - 1000, stale.start - 1000))
-    with open(manifest, "w") as out:  # too old to be listed, one written again since
-        out.writelines(f"0: SEGMENT: {seg.path} {stale.start - 1000} 10 188 1 1\n" for seg in (stale, reused))
+    ancient, stale, reused = (src.segment() for _ in range(3))
+    with open(manifest, "w") as out:  # too old to be listed, by a wrong clock as well, and one written again since
+        for seg, age in (ancient, 1000), (stale, 200), (reused, 200):
+            out.write(f"0: SEGMENT: {seg.path} {time.time() - age:.0f} 10 188 1 1\n")
+            if seg != reused:
+                os.utime(seg.full, (time.time() - age,) * 2)
         out.writelines(f"{n}: {seg.line()}\n" for n, seg in enumerate(segs[1:]))
     d.start()
     assert segs[0].exists() or not is_early(began)
     again = d.source(params=f"max_sec=130 data_dir={d.data}", start=src.next_start)
     assert not os.path.exists(pending) and d.ask("T1 VOD chan").path == vod
     gone(d, [segs[0].full, stale.full])
-    assert reused.exists() and segs[1].exists() and segs[5].exists()
+    assert ancient.exists() and reused.exists() and segs[1].exists() and segs[5].exists()
     assert os.path.exists(vod) and os.path.exists(vod + ".alk")
     again.count = 50
     began = time.monotonic()

@@ -92,28 +92,30 @@ def write_ts(d, name, pts, stream=0xe0):
 
 def test_a_whole_channel(lumo):
     d = lumo()
-    write_ts(d, "main-000000.ts", 1)
-    write_ts(d, "../kept.ts", 1)
-    with open(d.path("data", "chan", "chan.manifest_live"), "w") as out:  # what nobody lists any more
-        out.writelines(f"0: SEGMENT: chan/{name} {time.time() - 5000:.0f} 2 188 1 1\n"
-                       for name in ("main-000000.ts", "../kept.ts"))
+    os.makedirs(d.path("data", "chan"))
+    old = {"main-000000.ts": 5000, "../kept.ts": 5000, "ancient.ts": 9000, "lost.ts": 2000}
+    with open(d.path("data", "chan", "chan.manifest_live"), "w") as out:  # what nobody lists any more, but the last
+        for name, age in old.items():
+            write_ts(d, name, 1)
+            out.write(f"1: SEGMENT: chan/{name} {time.time() - age:.0f} 2 188 1 1\n")
+    os.unlink(d.path("data", "chan", "lost.ts"))
     feed = Feeder(d, "-s", "2", ffmpeg=[*PICTURE, *TONE, *CODE])
     feed.wait_segments(3)
-    for path, start, dur, size, _, pts in (rows := entries(d)):
+    for path, start, dur, size, _, pts in (rows := entries(d)[2:]):
         full = d.path("data", path)
         assert os.path.getsize(full) == int(size) and probe(full) == int(pts) and 1.9 < float(dur) < 2.3
     assert all(1 < int(b[1]) - int(a[1]) < 4 for a, b in zip(rows, rows[1:])), "whole seconds"
     assert -1 < os.path.getmtime(full) - int(rows[-1][1]) - 2 < 3, "it was finished when its time was over"
     feed.end()
-    count = len(entries(d))
+    count = len(entries(d)) - 2
     until(lambda: listed(d) == names(1, count), "the last segment")
-    assert sorted(os.listdir(feed.dir)) == sorted(names(1, count) + ["chan.manifest_live", "main.lock"])
+    assert sorted(os.listdir(feed.dir)) == sorted(names(1, count) + ["ancient.ts", "chan.manifest_live", "main.lock"])
     assert os.path.exists(d.path("data", "kept.ts"))
     again = Feeder(d, "-s", "1", ffmpeg=[*TONE, "-c:a", "aac"])  # without a picture
     again.wait_segments(2)
     until(lambda: listed(d)[:count + 2] == names(1, count + 2), "the same numbers going on")
     assert d.ask("T2 VOD chan").playlist.items.count("DIS") == 1
-    assert noted(d)[:count + 2] == names(1, count) + ["DISCONTINUITY", names(count + 1, count + 1)[0]]
+    assert noted(d)[2:count + 4] == names(1, count) + ["DISCONTINUITY", names(count + 1, count + 1)[0]]
     again.end(signal.SIGINT)
     vod = d.path("data", "vod.m3u8")
     with open(vod, "w") as out:

@@ -14,6 +14,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 static constexpr time_t KEEP_SEC = 10;
 // Entries stay longer than they are played: a restarted daemon finds the files that another had still to
@@ -80,6 +81,7 @@ static void tell_failure(manifest *mft, const char *what, int err) {
 // discontinuity. False when there is more than can be read.
 static bool kept_text(manifest *mft, time_t limit, std::string *text) {
     mft->oldest = 0;
+    std::vector<std::pair<time_t, std::string>> gone;
     FILE *fp = fopen_regular(mft->path.c_str());
     if (!fp)
         return errno == ENOENT;
@@ -92,13 +94,18 @@ static bool kept_text(manifest *mft, time_t limit, std::string *text) {
         mft->number = std::max(mft->number, one.number);
         bool is_marker = one.path == "DISCONTINUITY";
         if (one.start_tm < limit && !is_marker)
-            mft->gone.emplace_back(one.path);
+            gone.emplace_back(one.start_tm, one.path);
         if (one.start_tm < limit || (mft->oldest == 0 && is_marker))
             continue;
         if (mft->oldest == 0)
             mft->oldest = one.start_tm;
         text->append(line) += '\n';
     }
+    // What grew too old meanwhile lies right before the rest. Where there is none, or a gap, a clock may be
+    // wrong.
+    for (auto &[start_tm, path] : gone)
+        if (mft->oldest != 0 && mft->oldest - start_tm <= mft->depth_sec)
+            mft->gone.push_back(std::move(path));
     bool is_whole = !ferror(fp);
     fclose(fp);
     return is_whole;
