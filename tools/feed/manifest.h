@@ -19,7 +19,7 @@ struct manifest {
     time_t kept_at = 0; // looked after
     std::string unwritten;
     std::vector<std::string> gone; // paths of segments that were pruned, for the holder to see to and clear
-    bool is_failing = false; // has been told
+    bool is_failing = false;       // has been told
 };
 
 // Takes the lock without waiting, mends and prunes what is there. False when another holds it, or on a
