@@ -49,17 +49,18 @@ static bool make_room(pl_source *src) {
     pl_stretches *kept = src->stretches;
     if (!kept)
         return false;
-    pl_stretches more = *kept;
-    more.used = idle_clock();
-    more.room = std::bit_ceil(dlep_count(src->items) / STRETCH_ITEMS + 2);
-    more.at = static_cast<pl_stretch *>(W_calloc(__func__, more.room, sizeof(pl_stretch)));
-    if (!more.at)
+    const pl_stretches old = *kept;
+    size_t room = std::bit_ceil(dlep_count(src->items) / STRETCH_ITEMS + 2);
+    auto *at = static_cast<pl_stretch *>(W_calloc(__func__, room, sizeof(pl_stretch)));
+    if (!at)
         return false;
-    for (size_t n = 0; n < kept->room; ++n)
-        if (const pl_item *first = kept->at[n].span.first)
-            *place_of(&more, first->mseq) = kept->at[n];
-    free(kept->at);
-    *kept = more;
+    kept->used = idle_clock();
+    kept->room = room;
+    kept->at = at;
+    for (size_t n = 0; n < old.room; ++n)
+        if (const pl_item *first = old.at[n].span.first)
+            *place_of(kept, first->mseq) = old.at[n];
+    free(old.at);
     return true;
 }
 

@@ -25,7 +25,7 @@ static long whole_sec(double sec) {
 }
 
 time_t item_end_time(const pl_item *item) {
-    return add_seconds(item->start_tm, whole_sec(ceil(item->duration)));
+    return add_seconds(item->start_tm, whole_sec(std::ceil(item->duration)));
 }
 
 long next_item_sec(const pl_item *item) {
