@@ -145,8 +145,7 @@ static int purge_ref(void *, size_t i) {
 
 void pprm_task_cleanup() {
     LOG_FN(LL_DEBUG, "%zu pprm tasks\n", g_ctx.pprm_tasks.len);
-    if (g_ctx.pprm_tasks.len > 0)
-        xvlst_purge_all(&g_ctx.pprm_tasks, purge_ref);
+    xvlst_purge_all(&g_ctx.pprm_tasks, purge_ref);
 }
 
 int rm_task(pl_task *task) {

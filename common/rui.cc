@@ -455,8 +455,7 @@ static int pprm_one(void *data, size_t i) {
 static void pprm_srv(const char *name, rui_socket_ctx *srv) {
     for (size_t n = 0; n < MAX_LISTENERS && srv[n].lc && srv[n].requests; ++n) {
         LOG_FN(LL_DEBUG, "[%s] listener[%s], %zu pprm items\n", name, srv[n].lc->alias, srv[n].pprm.len);
-        if (srv[n].pprm.len > 0)
-            xvlst_purge_all(&srv[n].pprm, pprm_one);
+        xvlst_purge_all(&srv[n].pprm, pprm_one);
     }
     LOG_FN(LL_DEBUG, "done for for [%s]\n", name);
 }

@@ -294,6 +294,8 @@ int xvlst_find(xvlst *l, void *key, xv_aux_fn f, size_t *index) {
 
 void xvlst_purge_all(xvlst *l, xv_fn fn) {
     CHECK(l);
+    if (l->len == 0 && l->last == 0)
+        return; // as mostly, in lists that are purged in every pass
     if (l->len > 0 && fn)
         xvlst_each(l, fn, nullptr);
     // Only the bytes that were ever set: a mapped list must not touch the pages it has not used.
